@@ -1,0 +1,34 @@
+# `cmake --install`: the two libraries, the programs, the public headers, the CMake package and the pkg-config files.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS natclient EXPORT natagent_targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS natagent EXPORT natagent_targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS natagentd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS natctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(FILES client/natclient.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natclient)
+install(FILES agent/natagent.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/agent)
+install(FILES nat/host_config.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/nat)
+install(FILES platform/types.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/platform)
+target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
+
+install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES examples/natagentd.service DESTINATION lib/systemd/system)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/natagent)
+install(EXPORT natagent_targets NAMESPACE natagent:: DESTINATION ${package_dir})
+file(WRITE ${PROJECT_BINARY_DIR}/natagent-config.cmake
+  "include(\"\${CMAKE_CURRENT_LIST_DIR}/natagent_targets.cmake\")\n")
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/natagent-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/natagent-config.cmake ${PROJECT_BINARY_DIR}/natagent-config-version.cmake
+  DESTINATION ${package_dir})
+
+# Relative to where the .pc file lies, so that `cmake --install --prefix` may put it anywhere.
+file(RELATIVE_PATH NATAGENT_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+foreach(library natagent natclient)
+  configure_file(cmake/${library}.pc.in ${PROJECT_BINARY_DIR}/${library}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
