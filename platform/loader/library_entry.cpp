@@ -1,0 +1,3 @@
+#include "platform/loader/library_entry.h"
+
+bool DisableThreadLibraryCalls(void* module) { return module != nullptr; }

@@ -1,0 +1,91 @@
+#include "platform/messaging/nat_messenger.h"
+
+#include <cassert>
+
+#include "platform/messaging/party_queue.h"
+
+using messaging::Frame;
+using messaging::FrameKind;
+
+namespace {
+
+constexpr auto kNoProtocol = static_cast<CA_PROTO>(2);  // its requests are not answered
+
+CA_PROTO ProtocolOf(u32 queue) {
+  switch (queue) {
+    case 112:
+      return CA_PROTO_SIP;
+    case 114:
+      return CA_PROTO_CM;
+    case 115:
+      return CA_PROTO_CC;
+    default:
+      return kNoProtocol;
+  }
+}
+
+}  // namespace
+
+NatMessenger::NatMessenger(u32 queue)
+    : m_proto(ProtocolOf(queue)),
+      m_queue(std::make_unique<PartyQueue>(static_cast<int>(queue), messaging::FrameWay::TO_AGENT)) {}
+
+NatMessenger::~NatMessenger() = default;
+
+bool NatMessenger::IsPartyOnline() const { return m_queue->IsPartyOnline(); }
+
+bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
+  assert(count == 1);
+  const PartyQueue::Turn turn = m_queue->Process();
+  if (turn == PartyQueue::Turn::CONNECTED) OnPartyStateChanged(true);
+  if (turn == PartyQueue::Turn::HUNG_UP) OnPartyStateChanged(false);
+  if (turn != PartyQueue::Turn::MESSAGE) return turn != PartyQueue::Turn::IDLE;
+
+  const Frame& request = m_queue->Message();
+  if (m_proto != kNoProtocol && request.kind != FrameKind::CLOSE_REQUEST) m_queue->BeginRequest();
+  switch (request.kind) {
+    case FrameKind::CS_REQUEST:
+      OnRequestCSNatMapping(request.queryId, request.text, request.items.front(),
+                            static_cast<NatPortType>(request.portType), request.value);
+      break;
+    case FrameKind::CS_LIST_REQUEST:
+      OnRequestCSNatMapping(request.queryId, request.text, request.items, request.value);
+      break;
+    case FrameKind::RTP_REQUEST:
+      OnRequestRTPNatMapping(request.queryId, request.text, request.items, request.value);
+      break;
+    case FrameKind::REVERSE_REQUEST:
+      OnRequestReverceRTPNatMapping(request.queryId, request.items, request.value);
+      break;
+    case FrameKind::CLOSE_REQUEST:
+      OnCloseRTPNatMapping(request.queryId);
+      m_queue->DropRequest(request.queryId);
+      break;
+    default:
+      assert(false && "the decoder lets only requests through");
+  }
+  m_queue->EndRequest();
+  return true;
+}
+
+u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const NatItem& item, const NatFlag& flag, const u32& value) {
+  Frame& answer = m_queue->Answer(FrameKind::CS_ANSWER, queryId, value);
+  answer.items.assign(1, item);
+  answer.flag = flag;
+  return m_queue->SendAnswer() ? 1 : 0;
+}
+
+u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const std::list<NatRespItem>& items, const u32& value) {
+  m_queue->Answer(FrameKind::CS_LIST_ANSWER, queryId, value).answers = items;
+  return m_queue->SendAnswer() ? 1 : 0;
+}
+
+u32 NatMessenger::ResponseRTPNatMapping(const u64& queryId, const std::list<NatRespItem>& items, const u32& value) {
+  m_queue->Answer(FrameKind::RTP_ANSWER, queryId, value).answers = items;
+  return m_queue->SendAnswer() ? 1 : 0;
+}
+
+u32 NatMessenger::ResponseReverceRTPNatMapping(const u64& queryId, const std::list<NatRespItem>& items, u32 value) {
+  m_queue->Answer(FrameKind::REVERSE_ANSWER, queryId, value).answers = items;
+  return m_queue->SendAnswer() ? 1 : 0;
+}

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/messaging/frame.h"
+#include "platform/messaging/late_requests.h"
+#include "platform/messaging/notice_inbox.h"
+#include "platform/messaging/queue_registry.h"
+#include "platform/messaging/queue_socket.h"
+#include "platform/messaging/runtime_dir_lease.h"
+#include "platform/unique_fd.h"
+
+// One queue of this process: its socket, the one connected peer that is its party, the answers the party has not read
+// yet and the notices that wait. All operations but Post belong to the one thread that processes the queues.
+class PartyQueue {
+ public:
+  // What one turn did.
+  enum class Turn {
+    IDLE,        // nothing waited
+    DONE,        // something that is nobody else's business
+    CONNECTED,   // a peer is the party now and has been welcomed
+    HUNG_UP,     // the party is gone; everything it had sent was taken before
+    MESSAGE,     // Message() is a request of the party
+    OWN_NOTICE,  // Message() is a notice that this process posted (queue of the CGI party only)
+  };
+
+  // What a poller found ready.
+  enum Ready : unsigned { LISTENER = 1, PEER = 2, DOORBELL = 4 };
+
+  // Opens the queue in the runtime directory. Failures are reported in the journal; the queue is then closed for good
+  // and has never anything to process.
+  PartyQueue(int number, messaging::FrameWay way);
+  ~PartyQueue();
+  PartyQueue(const PartyQueue&) = delete;
+  PartyQueue& operator=(const PartyQueue&) = delete;
+
+  int Number() const { return m_number; }
+  bool IsPartyOnline() const { return static_cast<bool>(m_peer); }
+
+  // Does one thing that waits; at most one message, connection or hang-up. A second peer is refused on the way.
+  Turn Process();
+
+  // The message of the last turn, valid until the next one.
+  const messaging::Frame& Message() const { return m_message; }
+
+  // The frame to fill in and send as an answer; kept from answer to answer for its memory.
+  messaging::Frame& Answer(messaging::FrameKind kind, u64 queryId, u32 value);
+
+  // Sends that frame. When the party does not read, it is kept, and no request of the party is taken before it went
+  // out. False when the party that asked is not connected any more, or the answer is beyond the limits of a frame (a
+  // journal error).
+  bool SendAnswer();
+
+  // Around the handling of a request that must be answered. When no answer was sent in between, it comes later: to the
+  // present party only, whoever is connected by then.
+  void BeginRequest() { m_answerDue = true; }
+  void EndRequest();
+
+  // The oldest request with that id that is still to be answered, on whichever queue, will not be.
+  void DropRequest(u64 id) { m_late->Drop(id); }
+
+  // Whether requests of the party are left untaken: it stays the party meanwhile, even when it has hung up.
+  void HoldBack(bool held);
+
+  // For a poller: from now on the epoll instance, which is shared with the poller, tells of this queue. Each event's
+  // data is the number and, in the low byte, the bit of what is ready. False when the queue is not open.
+  bool Watch(std::shared_ptr<const UniqueFd> epoll);
+  void NoteReady(unsigned ready) { m_ready |= ready; }
+
+  // Takes in a peer that has connected already, when there is no party.
+  void AdoptWaiting();
+
+  // Any thread: an encoded notice for the party, and on the CGI party's queue for this process too. Never blocks.
+  void Post(const std::string& notice);
+
+ private:
+  friend class messaging::QueueRegistry;
+
+  unsigned AskReady() const;
+  bool HasPeerHungUp() const;
+  bool MakesWay() const;
+  bool Adopt();
+  void RefuseNext();
+  bool TakeOwnNotice();
+  Turn Receive();  // only while no answer waits and the party is not held back
+  bool IsEmptyPacket() const;
+  void RefuseMessage(const messaging::FrameFault& fault);
+  void HangUp();
+
+  bool SendFrame();
+  void SendPacket();
+  bool TrySend(const std::string& packet);
+  void Flush();
+  void SendNotices();
+
+  bool AddToEpoll(int fd, unsigned role) const;
+  u32 PeerEvents() const;
+  void WatchPeer();
+
+  const int m_number;
+  const messaging::FrameWay m_way;
+
+  // The registry's, guarded by its lock.
+  std::shared_ptr<const messaging::RuntimeDirLease> m_lease;
+  PartyQueue* m_next = nullptr;
+
+  messaging::NoticeInbox m_inbox;  // guards itself
+  std::optional<messaging::QueueSocket> m_socket;
+  std::shared_ptr<const UniqueFd> m_epoll;
+  unsigned m_ready = 0;
+  bool m_noticeWasLast = false;  // own notices and the party take turns
+
+  const std::shared_ptr<messaging::LateRequests> m_late = messaging::LateRequests::Shared();
+  bool m_answerDue = false;  // a request is being handled and has not been answered
+  bool m_heldBack = false;
+
+  UniqueFd m_peer;
+  bool m_peerReads = false;           // false: it has hung up on us, and what it sent is still being taken
+  std::deque<std::string> m_waiting;  // encoded answers that the peer's socket had no room for
+  std::string m_buffer;               // one packet, incoming
+  std::string m_packet;               // one packet, outgoing
+  messaging::Frame m_message;
+  messaging::Frame m_answer;
+};

@@ -1,0 +1,148 @@
+#include "platform/stunutils/server_list.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "platform/sockets/inet.h"
+#include "platform/stunutils/diagnostics.h"
+
+namespace stun {
+namespace {
+
+constexpr Millis kFirstRetry{2000};
+constexpr Millis kLongestRetry{60000};
+constexpr Millis kRefresh{600000};  // a server may move
+
+u16 ParsePort(const std::string& text) {
+  u16 port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc{} && end == text.data() + text.size() ? port : u16{0};
+}
+
+// Whether datagrams can be sent there and answered from there.
+bool IsUsable(u32 address) { return address != 0 && address != sockets::kNoAddress; }
+
+}  // namespace
+
+bool ServerList::Configure(const std::list<StunServInfo>& servers) {
+  if (m_configured == servers) {
+    return false;
+  }
+  m_configured = servers;
+  std::vector<Server> before;
+  before.swap(m_servers);
+  bool isNameNew = false;
+  for (const StunServInfo& info : servers) {
+    Server server{info.serverHost, ParsePort(info.serverPort), false, false, {}};
+    if (server.host.empty() || server.port == 0) {
+      Notice("\"" + info.serverHost + ":" + info.serverPort + "\" cannot be a server: it needs a host and a port");
+      continue;
+    }
+    const u32 address = sockets::inet_addr(server.host.c_str());
+    server.isName = address == sockets::kNoAddress;
+    if (IsUsable(address)) {
+      server.addresses = {address};
+    } else if (!server.isName) {
+      Notice(server.host + " cannot be a server's address");
+    }
+    const auto same =
+        std::find_if(before.begin(), before.end(), [&](const Server& b) { return b.host == server.host; });
+    if (server.isName && same != before.end()) {
+      server.addresses = same->addresses;
+      server.isToldMissing = same->isToldMissing;
+    }
+    isNameNew = isNameNew || (server.isName && same == before.end());
+    m_servers.push_back(std::move(server));
+  }
+  if (isNameNew) {
+    m_nextLookUp = TimePoint::min();
+    m_retry = kFirstRetry;
+  }
+  Collect();
+  return true;
+}
+
+std::vector<std::string> ServerList::NamesToLookUp(TimePoint now) {
+  std::vector<std::string> names;
+  if (m_isLookingUp || now < m_nextLookUp) {
+    return names;
+  }
+  for (const Server& server : m_servers) {
+    if (server.isName && std::find(names.begin(), names.end(), server.host) == names.end()) {
+      names.push_back(server.host);
+    }
+  }
+  m_isLookingUp = !names.empty();
+  m_nextLookUp = TimePoint::max();
+  return names;
+}
+
+void ServerList::LookedUp(const Addresses& found, TimePoint now) {
+  m_isLookingUp = false;
+  bool isMissing = false;
+  for (Server& server : m_servers) {
+    if (!server.isName) {
+      continue;
+    }
+    std::vector<u32> addresses;
+    const auto outcome = found.find(server.host);
+    if (outcome != found.end()) {
+      std::copy_if(outcome->second.begin(), outcome->second.end(), std::back_inserter(addresses), IsUsable);
+    }
+    if (!addresses.empty()) {
+      if (server.isToldMissing) {
+        Notice("the server's name " + server.host + " has an address again: " + AddressText(addresses.front()));
+      }
+      server.isToldMissing = false;
+      server.addresses = std::move(addresses);
+      continue;
+    }
+    isMissing = true;
+    if (outcome != found.end() && !server.isToldMissing) {
+      server.isToldMissing = true;
+      Notice("the server's name " + server.host + " has no address; looking it up again from time to time");
+    }
+  }
+  m_retry = isMissing ? std::clamp(m_retry * 2, kFirstRetry, kLongestRetry) : Millis{0};
+  if (m_nextLookUp == TimePoint::max()) {  // and not asked for anew by other settings meanwhile
+    m_nextLookUp = now + (isMissing ? m_retry : kRefresh);
+  }
+  Collect();
+}
+
+std::optional<Endpoint> ServerList::Current() const {
+  return m_endpoints.empty() ? std::nullopt : std::optional(m_endpoints[m_current]);
+}
+
+std::optional<Endpoint> ServerList::Second() const {
+  return m_endpoints.size() < 2 ? std::nullopt : std::optional(m_endpoints[(m_current + 1) % m_endpoints.size()]);
+}
+
+void ServerList::Next() {
+  if (!m_endpoints.empty()) {
+    m_current = (m_current + 1) % m_endpoints.size();
+    ++m_tried;
+  }
+}
+
+void ServerList::Collect() {
+  const std::optional<Endpoint> current = Current();
+  std::vector<Endpoint> endpoints;
+  for (const Server& server : m_servers) {
+    for (const u32 address : server.addresses) {
+      const Endpoint endpoint{address, server.port};
+      if (std::find(endpoints.begin(), endpoints.end(), endpoint) == endpoints.end()) {
+        endpoints.push_back(endpoint);
+      }
+    }
+  }
+  if (endpoints == m_endpoints) {
+    return;
+  }
+  m_endpoints = std::move(endpoints);
+  const auto kept = current ? std::find(m_endpoints.begin(), m_endpoints.end(), *current) : m_endpoints.end();
+  m_current = kept == m_endpoints.end() ? 0 : static_cast<std::size_t>(kept - m_endpoints.begin());
+  m_tried = 0;
+}
+
+}  // namespace stun

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <algorithm>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/stunutils/schedule.h"
+#include "platform/stunutils/stun_manager.h"
+
+namespace stun {
+
+// The servers and their addresses, of which one is asked at a time. One thread at a time.
+class ServerList {
+ public:
+  // Replaces the servers. What cannot be a server (no name, a port outside 1 to 65535) is told to the journal and left
+  // out. Servers that stay keep their addresses; the one being asked stays when it is still among them. False
+  // when the same servers were configured before.
+  bool Configure(const std::list<StunServInfo>& servers);
+
+  bool IsEmpty() const { return m_servers.empty(); }
+
+  // Names to be looked up now, none twice; empty when none is due or a look-up is under way.
+  std::vector<std::string> NamesToLookUp(TimePoint now);
+  using Addresses = std::map<std::string, std::vector<u32>>;
+  // The outcome of the look-up. A name without an address keeps those it had.
+  void LookedUp(const Addresses& found, TimePoint now);
+  TimePoint NextDeadline() const { return m_isLookingUp ? TimePoint::max() : m_nextLookUp; }
+
+  // The server to ask; none while no address is known.
+  std::optional<Endpoint> Current() const;
+  // Another than the current one, for comparison.
+  std::optional<Endpoint> Second() const;
+  const std::vector<Endpoint>& All() const { return m_endpoints; }
+
+  // The current server is of no use: on to the next, round the list.
+  void Next();
+  // Whether Next leads to one that has not been tried since one of them was heard.
+  bool HasUntried() const { return m_tried + 1 < m_endpoints.size(); }
+  // Whether the current one is such.
+  bool IsUntried() const { return m_tried < m_endpoints.size(); }
+  void Heard() { m_tried = 0; }
+  // The addresses may be out of date: names are looked up again.
+  void Refresh(TimePoint now) { m_nextLookUp = std::min(m_nextLookUp, now); }
+
+ private:
+  struct Server {
+    std::string host;
+    u16 port = 0;
+    bool isName = false;
+    bool isToldMissing = false;  // that it has no address is in the journal
+    std::vector<u32> addresses;
+  };
+
+  void Collect();
+
+  std::optional<std::list<StunServInfo>> m_configured;
+  std::vector<Server> m_servers;
+  std::vector<Endpoint> m_endpoints;
+  std::size_t m_current = 0;
+  std::size_t m_tried = 0;
+  bool m_isLookingUp = false;
+  Millis m_retry{0};
+  TimePoint m_nextLookUp = TimePoint::max();
+};
+
+}  // namespace stun

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "platform/vxnetutils/netlink_socket.h"
+
+// Tells whether anything that decides a route has changed since it was last asked: links, IPv4 addresses, routes,
+// rules, nexthops, per-link IPv4 settings. One thread at a time.
+//
+// The kernel queues its message before any route look-up can give another answer, so an answer obtained after a QUIET
+// holds as long as the feed stays quiet.
+class ChangeFeed {
+ public:
+  enum class State {
+    QUIET,    // nothing since the last call
+    CHANGED,  // something, or the feed was opened just now and what was before is not known
+    BLIND,    // the feed cannot be opened or has failed; the next call tries again
+  };
+
+  // 0, or the error number. Opened beforehand, the feed misses nothing from here on; otherwise the first Read opens it.
+  int Open();
+  State Read();
+  // Why the last Read was BLIND.
+  int Error() const { return m_error; }
+
+  bool IsOpen() const { return m_socket.IsOpen(); }
+  // To wait on; only while open.
+  int Descriptor() const { return m_socket.Descriptor(); }
+
+ private:
+  NetlinkSocket m_socket;
+  int m_error = 0;
+};
