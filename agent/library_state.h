@@ -1,0 +1,10 @@
+#pragma once
+
+#include "agent/nat_agent.h"
+#include "nat/host_config.h"
+
+// The host's configuration object as handed to NatMain; null before the first NatMain. Never freed here.
+extern ConfigSource* g_configSource;
+
+// The agent thread, null when none: the entry points' mark that the agent has been started. Host thread only.
+extern void* g_agentThread;

@@ -1,0 +1,149 @@
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "agent/nat_log_out.h"
+#include "agent/natagent.h"
+#include "agent/run_link.h"
+#include "agent/settings_lock.h"
+#include "nat/nat_config_manager.h"
+#include "nat/nat_exc_table.h"
+#include "nat/nat_records.h"
+#include "nat/qor_mapping_storage.h"
+#include "platform/vxnetutils/route_helper.h"
+#include "platform/vxsysutils/thread_event.h"
+#include "platform/vxsysutils/thread_mutex.h"
+#include "resolver/resolve_query.h"
+#include "rtp/reverse_nat_manager.h"
+#include "stun/stun_manager_wrapper.h"
+
+class NatAgentMessenger;
+class NatCAMessenger;
+
+// The agent: one object, the global _NatAgent, that owns every part and answers every request.
+//
+// Threads: the agent thread runs Start, the main loop (so every request and periodic check) and Stop. Operations belong
+// to the agent thread inside a turn of the main loop, which holds the settings lock, unless their comment says
+// otherwise. The members are in the order in which they are made and, backwards, destroyed.
+class NATAGENT_EXPORT NatAgent {
+ public:
+  NatAgent();
+  // Ends a running main loop first, then stops and tears down.
+  ~NatAgent();
+  NatAgent(const NatAgent&) = delete;
+  NatAgent& operator=(const NatAgent&) = delete;
+
+  bool Init();
+  // Brings the agent up and runs the main loop; returns when the agent has stopped. False when the loop could not run.
+  bool Start();
+  // Takes the agent down. On the agent thread after the main loop, or without one. Always true.
+  bool Stop();
+
+  // Ends the main loop; false when there is none. Any thread.
+  bool StopMessenger();
+  // The same for a loop that may not have begun yet: it then ends at its first turn. Any thread.
+  void RequestStop();
+  // Takes a request back, before a new start. Only while no agent thread runs.
+  void ForgetStopRequest() { m_stopRequested = false; }
+  bool IsStopRequested() const { return m_stopRequested; }
+
+  // The uplink's address in network byte order, 0 when unknown; the route is asked when none is stored.
+  unsigned long GetUpLinkIp() NAT_REQUIRES(g_settingsLock);
+  // True after handling a flagged route change.
+  bool CheckIpChanges() NAT_REQUIRES(g_settingsLock);
+
+  // Signalling. GetCSNatSettings: false, with the flag untouched, when it cannot decide.
+  bool GetCSNatSettings(const u64& queryId, const u32& destIp, const CA_PROTO& proto, NatSetting& setting,
+                        NatFlag& flag) NAT_REQUIRES(g_settingsLock);
+  u32 OnRequestCSNatMapping(const u64& queryId, const u32& destIp, const NatItem& item, const CA_PROTO& proto,
+                            const NatPortType& portType) NAT_REQUIRES(g_settingsLock);
+  u32 OnRequestCSNatMapping(const u64& queryId, const u32& destIp, const std::list<NatItem>& items,
+                            const CA_PROTO& proto) NAT_REQUIRES(g_settingsLock);
+
+  // Media. proto is the asking channel's protocol, csProto the call server's; GetGwNatSettings takes the latter.
+  // False, with the flag untouched, when the remote address has no route.
+  bool GetGwNatSettings(const u64& queryId, const u32& remoteIp, const CA_PROTO& proto, NatSetting& setting,
+                        NatFlag& flag) NAT_REQUIRES(g_settingsLock);
+  u32 OnRequestRTPNatMapping(const u64& queryId, const u32& remoteIp, const std::list<NatItem>& items,
+                             const CA_PROTO& proto, const u32& csProto) NAT_REQUIRES(g_settingsLock);
+
+  // Reverse look-ups, and the end of a query id.
+  u32 OnRequestReverceRTPNatMapping(const u64& queryId, const std::list<NatItem>& items, const CA_PROTO& proto,
+                                    const u32& value);
+  bool GetRevGwNatSettings(NatSetting& setting, NatFlag& flag);
+  bool CloseRTPNatMapping(const u64& queryId);
+
+  // Requests for a host name wait here until the resolver thread has looked it up.
+  bool SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
+                          const NatPortType& portType, const CA_PROTO& proto, const CA_PROTO& csProto);
+  bool ResolveHostName(const std::string& hostName);
+  // Issues the requests again whose names have been resolved; false when nothing was flagged.
+  bool CheckIsResolvedHostName() NAT_REQUIRES(g_settingsLock);
+
+  // Tells the call agents that the public side of signalling ports changed. Any thread while the agent runs.
+  bool NotifyToCSNatChanges(const CA_PROTO& proto);
+
+  // The log, or one that writes nowhere while the agent does not run.
+  NatLogOut& Log() { return m_log != nullptr ? *m_log : m_noLog; }
+
+ protected:
+  bool IsCAOnLine(const CA_PROTO& proto);
+  bool IsOnLineCSAgent();
+  bool IsCorrectAddInfo(const unsigned long& value);
+  bool GetMappedQorPort(NatSetting& setting);
+
+ public:
+  // Made by Start, destroyed by Stop, null in between.
+  NatConfigManager* m_configManager NAT_GUARDED_BY(g_settingsLock);
+  QorMappingStorage* m_qorStorage NAT_GUARDED_BY(g_settingsLock);
+  NatLogOut* m_log;  // changed on the agent thread while no other thread of the run exists
+
+  StunManagerWrapper m_stunWrapper;
+  NatExcTable m_excTable;
+  NatAgentMessenger* m_messenger;  // agent thread; other threads reach it through m_run
+
+ private:
+  friend unsigned long IpUpDownInformer(void* agent);
+  friend unsigned long HostNameResolver(void* agent);
+
+  NatCAMessenger* ChannelOf(const CA_PROTO& proto);
+  // The current run, or none. Any thread.
+  std::shared_ptr<RunLink> CurrentRun();
+  // The run's parts, made in order; and destroyed.
+  void CreateParts();
+  void DestroyParts();
+  void StartWorkers();
+  void StopWorkers();
+
+  RouteHelper m_routeHelper;
+  ReverseNatManager m_reverseNat;
+
+ public:
+  std::atomic<u32> m_upLinkIp;  // network byte order; 0: unknown
+
+ private:
+  std::list<std::string> m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);  // oldest first
+  ThreadEvent m_resolveEvent;
+  void* m_resolverThread;
+  void* m_ipWatchThread;
+  std::list<ResolvedName> m_resolvedNames NAT_GUARDED_BY(m_resolvedMutex);  // oldest first
+  ThreadMutex m_resolvedMutex;
+  std::list<ResolveQuery> m_pendingQueries;  // agent thread only
+  std::atomic<bool> m_routeChanged;
+  std::atomic<bool> m_namesResolved;
+  std::atomic<bool> m_running;
+
+  std::atomic<bool> m_stopRequested = false;
+  NatLogOut m_noLog{nullptr};
+  ThreadMutex m_runMutex;
+  std::shared_ptr<RunLink> m_run NAT_GUARDED_BY(m_runMutex);
+};
+
+// The worker threads' functions; the argument is the agent.
+unsigned long IpUpDownInformer(void* agent);
+unsigned long HostNameResolver(void* agent);
+
+extern NATAGENT_EXPORT NatAgent _NatAgent;

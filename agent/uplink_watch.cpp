@@ -1,0 +1,55 @@
+// The uplink address: one thread waits for route changes and flags them; comparing and reacting is the main loop's.
+
+#include "agent/nat_agent.h"
+
+unsigned long IpUpDownInformer(void* agent) {
+  NatAgent& self = *static_cast<NatAgent*>(agent);
+  const auto run = self.CurrentRun();
+  if (!run) {
+    return 0;
+  }
+  run->Trace("Starting IpUpDownInformer Thread\r\n");
+  // Waits also when the run has ended already: what ends the last wait is then not left over for the next run.
+  for (;;) {
+    self.m_routeHelper.NotifyRouteChange();
+    if (!run->Running()) {
+      return 0;  // the run's end, not a change
+    }
+    self.m_routeChanged = true;
+    run->Wake();
+  }
+}
+
+unsigned long NatAgent::GetUpLinkIp() {
+  if (m_upLinkIp == 0) {
+    u32 address = 0;
+    u32 viaGateway = 0;
+    if (m_routeHelper.GetOutInterface(0, address, viaGateway)) {
+      m_upLinkIp = address;
+    }
+  }
+  return m_upLinkIp;
+}
+
+bool NatAgent::CheckIpChanges() {
+  if (!m_routeChanged) {
+    return false;
+  }
+  m_routeChanged = false;
+  u32 address = 0;
+  u32 viaGateway = 0;
+  const bool found = m_routeHelper.GetOutInterface(0, address, viaGateway);
+  if (found && address != m_upLinkIp) {
+    m_upLinkIp = address;
+    Log().Trace("UpLink IP Up\r\n", kLogOrdinary);
+    m_qorStorage->FollowUplink(address);
+    m_stunWrapper.OnUpLinkChanged(true);
+  } else if (!found && m_upLinkIp != 0) {
+    Log().Trace("UpLink IP Down\r\n", kLogOrdinary);
+    m_qorStorage->FollowUplink(m_upLinkIp);
+    m_stunWrapper.OnUpLinkChanged(false);
+    // Forgotten, so that the loss is handled once and its return, also with this address, counts as coming up.
+    m_upLinkIp = 0;
+  }
+  return true;
+}

@@ -1,0 +1,107 @@
+#include "messaging/nat_agent_messenger.h"
+
+#include "agent/nat_agent.h"
+
+namespace {
+
+constexpr int kSipQueue = 112;
+constexpr int kQueue113 = 113;
+constexpr int kCmQueue = 114;
+constexpr int kCcQueue = 115;
+constexpr int kCgiQueue = 102;
+constexpr int kPollerValue = 56;
+constexpr char kQueuePath[] = "/bin/ping";
+
+}  // namespace
+
+NatAgentMessenger::NatAgentMessenger()
+    : m_channel112(kSipQueue),
+      m_channel113(kQueue113),
+      m_channel114(kCmQueue),
+      m_channel115(kCcQueue),
+      m_cgiChannel(kCgiQueue),
+      m_loopRunning(false),
+      m_poller(std::make_unique<CyclicQueuePoller>(kPollerValue)) {}
+
+bool NatAgentMessenger::Run() {
+  SelectQueues();
+  AnnounceOnlineParties();
+  m_loopRunning = true;
+  if (_NatAgent.IsStopRequested()) {
+    Stop();  // asked for before there was a loop to end
+  }
+  do {
+    Turn(m_poller->WaitForEvents());
+  } while (m_loopRunning);
+  _NatAgent.Log().Trace("Nat Messenger stoped\r\n", kLogOrdinary);
+  _NatAgent.Stop();  // this object is gone now
+  return true;
+}
+
+void NatAgentMessenger::SelectQueues() {
+  m_poller->SelectQueue(kCmQueue, kQueuePath, true, false);
+  m_poller->SelectQueue(kCcQueue, kQueuePath, true, false);
+  m_poller->SelectQueue(kSipQueue, kQueuePath, true, false);
+  m_poller->SelectQueue(kQueue113, kQueuePath, true, true);
+  m_poller->SelectQueue(kCgiQueue, kQueuePath, true, true);
+}
+
+void NatAgentMessenger::AnnounceOnlineParties() {
+  ScopedLock lock(g_settingsLock);
+  for (NatCAMessenger* channel : {&m_channel112, &m_channel113, &m_channel114, &m_channel115}) {
+    if (channel->IsPartyOnline()) {
+      channel->OnPartyStateChanged(true);
+    }
+  }
+}
+
+void NatAgentMessenger::Turn(int queue) {
+  NatLogOut& log = _NatAgent.Log();
+  log.Hold();
+  {
+    ScopedLock lock(g_settingsLock);
+    switch (queue) {
+      case -1:
+        _NatAgent.CheckIsResolvedHostName();
+        _NatAgent.CheckIpChanges();
+        break;
+      case kCgiQueue:
+        m_cgiChannel.ProcessMessageFromQueue(1);
+        break;
+      case kSipQueue:
+        m_channel112.ProcessMessageFromQueue(1);
+        break;
+      case kQueue113:
+        m_channel113.ProcessMessageFromQueue(1);
+        break;
+      case kCmQueue:
+        m_channel114.ProcessMessageFromQueue(1);
+        break;
+      case kCcQueue:
+        m_channel115.ProcessMessageFromQueue(1);
+        break;
+      default:
+        break;
+    }
+  }
+  log.Flush();
+}
+
+bool NatAgentMessenger::Stop() {
+  m_loopRunning = false;
+  return Wake();
+}
+
+bool NatAgentMessenger::Wake() { return m_poller->Release(); }
+
+NatCAMessenger* NatAgentMessenger::GetCAMessenger(CA_PROTO proto) {
+  switch (proto) {
+    case CA_PROTO_CM:
+      return &m_channel114;
+    case CA_PROTO_SIP:
+      return &m_channel112;
+    case CA_PROTO_CC:
+      return &m_channel115;
+  }
+  return nullptr;
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "agent/settings_lock.h"
+#include "messaging/nat_ca_messenger.h"
+#include "messaging/nat_cgi_messenger.h"
+#include "nat/nat_records.h"
+#include "platform/messaging/cyclic_queue_poller.h"
+
+// The channels, the poller over their queues, and the agent's main loop.
+class NatAgentMessenger {
+ public:
+  NatAgentMessenger();
+  virtual ~NatAgentMessenger() = default;
+  NatAgentMessenger(const NatAgentMessenger&) = delete;
+  NatAgentMessenger& operator=(const NatAgentMessenger&) = delete;
+
+  // Runs the main loop on the agent thread until Stop, then stops the agent, which destroys this object. Always true.
+  bool Run();
+
+  // Ends the loop after its next turn; the poller's result. Any thread while the object exists (see RunLink).
+  bool Stop();
+  // Makes the loop run its periodic checks now; the poller's result. Any thread while the object exists.
+  bool Wake();
+
+  // The channel of a call agent's protocol, or null.
+  NatCAMessenger* GetCAMessenger(CA_PROTO proto);
+
+ private:
+  void SelectQueues();
+  void AnnounceOnlineParties();
+  void Turn(int queue);
+
+  NatCAMessenger m_channel112;
+  NatCAMessenger m_channel113;
+  NatCAMessenger m_channel114;
+  NatCAMessenger m_channel115;
+  NatCGIMessenger m_cgiChannel;
+  std::atomic<bool> m_loopRunning;
+  std::unique_ptr<CyclicQueuePoller> m_poller;
+};

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <list>
+
+#include "platform/thread_safety.h"
+#include "platform/types.h"
+#include "platform/vxsysutils/thread_mutex.h"
+
+// A network reached without translation. Network byte order; neither host bits nor the mask's shape are checked.
+struct NatExcEntry {
+  u32 ip = 0;
+  u32 mask = 0;
+};
+
+// The NAT exclusion table. Any thread: a look-up sees the old rules or the new ones, never a mixture.
+class NatExcTable {
+ public:
+  NatExcTable() = default;
+  virtual ~NatExcTable();
+  NatExcTable(const NatExcTable&) = delete;
+  NatExcTable& operator=(const NatExcTable&) = delete;
+
+  // Replaces every rule by a copy of the given ones, in their order.
+  void SetTable(const std::list<NatExcEntry>& entries) NAT_EXCLUDES(lock);
+
+  // 1 when a rule matches the address, else 0.
+  u32 IsExcluded(u32 address) NAT_EXCLUDES(lock);
+
+ private:
+  void Clear() NAT_REQUIRES(lock) { rules.clear(); }
+
+  ThreadMutex lock;
+  std::list<NatExcEntry> rules NAT_GUARDED_BY(lock);
+};

@@ -1,0 +1,182 @@
+#include "nat/qor_mapping_storage.h"
+
+#include <algorithm>
+
+#include "agent/log_text.h"
+#include "agent/nat_agent.h"
+
+// --- look-ups ---
+
+bool QorMappingStorage::GetCSMapping(const CA_PROTO& proto, NatSetting& setting) const {
+  switch (setting.portType) {
+    case NATPORT_UDP: {
+      const auto& mappings = proto == CA_PROTO_SIP ? sipUdp : otherUdp;
+      if (!mappings) {
+        return false;
+      }
+      if (mappings->mode == MAP_STUN) {
+        return _NatAgent.m_stunWrapper.GetStunMapping(setting.selfPort, setting.mappedIp, setting.mappedPort);
+      }
+      return mappings->GetMapping(setting);
+    }
+    case NATPORT_TCP:
+      return proto == CA_PROTO_SIP && sipTcp && sipTcp->Translate(setting);
+    case NATPORT_TLS:
+      return proto == CA_PROTO_SIP && sipTls && sipTls->Translate(setting);
+  }
+  return false;
+}
+
+bool QorMappingStorage::GetGwMapping(NatSetting& setting) const {
+  const auto chosen = std::find_if(gateways.begin(), gateways.end(), [&](const NatMappings& gateway) {
+    return gateway.localIp == setting.localIp && gateway.InRange(setting.selfPort);
+  });
+  if (chosen == gateways.end()) {
+    return false;
+  }
+  if (chosen->mode == MAP_STUN) {
+    _NatAgent.m_stunWrapper.GetStunMapping(setting.selfPort, setting.mappedIp, setting.mappedPort);
+  } else {
+    chosen->GetMapping(setting);
+  }
+  return true;
+}
+
+bool QorMappingStorage::HasGw(u32 localIp) const {
+  return std::any_of(gateways.begin(), gateways.end(),
+                     [localIp](const NatMappings& gateway) { return gateway.localIp == localIp; });
+}
+
+// --- the call agents' own ports ---
+
+bool QorMappingStorage::SetRange(u8 index, const PortRange* range) {
+  auto& slot = index == 0 ? sipTcp : sipTls;
+  if (range == nullptr || range->publicIp == 0) {
+    slot.reset();
+  } else if (slot) {
+    *slot = *range;
+  } else {
+    slot = std::make_unique<PortRange>(*range);
+  }
+  return true;
+}
+
+bool QorMappingStorage::SetUdpMappings(const CA_PROTO& proto, const NatMappings* mappings) {
+  auto& slot = proto == CA_PROTO_SIP ? sipUdp : otherUdp;
+  if (mappings != nullptr && !(mappings->mode == MAP_STATIC && mappings->GetStaticIp() == 0)) {
+    if (!slot) {
+      slot = std::make_unique<NatMappings>();
+    }
+    ChangeMode(*slot, *mappings, proto);
+  } else if (slot) {
+    if (slot->mode == MAP_STUN) {
+      RemoveStunPorts(*slot);
+    }
+    slot.reset();
+  }
+  return true;
+}
+
+bool QorMappingStorage::Unload(const CA_PROTO& proto) {
+  switch (proto) {
+    case CA_PROTO_SIP:
+      SetRange(0, nullptr);
+      SetRange(1, nullptr);
+      SetUdpMappings(CA_PROTO_SIP, nullptr);
+      return true;
+    case CA_PROTO_CM:
+    case CA_PROTO_CC:
+      for (const NatMappings& gateway : gateways) {
+        if (gateway.mode == MAP_STUN) {
+          RemoveStunPorts(gateway);
+        }
+      }
+      gateways.clear();
+      return true;
+  }
+  return false;
+}
+
+// --- gateway interfaces ---
+
+bool QorMappingStorage::AddGw(const NatMappings& mappings) {
+  if (mappings.mode == MAP_STUN) {
+    AddStunPorts(mappings, CA_PROTO_CC);
+  }
+  gateways.push_back(mappings);
+  return true;
+}
+
+bool QorMappingStorage::UpdateGw(const NatMappings& mappings) {
+  const auto found = FindGw(mappings.localIp, mappings.flags & kGwIdentityFlag);
+  return found != gateways.end() && ChangeMode(*found, mappings, CA_PROTO_CM);
+}
+
+bool QorMappingStorage::RemoveGw(u32 localIp, u8 flagBit) {
+  const auto found = FindGw(localIp, flagBit);
+  if (found == gateways.end()) {
+    return false;
+  }
+  if (found->mode == MAP_STUN) {
+    RemoveStunPorts(*found);
+  }
+  gateways.erase(found);
+  return true;
+}
+
+bool QorMappingStorage::FollowUplink(u32 uplinkIp) {
+  for (NatMappings& gateway : gateways) {
+    if ((gateway.flags & kFollowUplinkFlag) != 0) {
+      gateway.localIp = uplinkIp;
+    }
+  }
+  return true;
+}
+
+std::list<NatMappings>::iterator QorMappingStorage::FindGw(u32 localIp, u16 flagBit) {
+  return std::find_if(gateways.begin(), gateways.end(), [=](const NatMappings& gateway) {
+    return gateway.localIp == localIp && (gateway.flags & kGwIdentityFlag) == flagBit;
+  });
+}
+
+// --- keeping STUN in step ---
+
+bool QorMappingStorage::ChangeMode(NatMappings& current, const NatMappings& wanted, const CA_PROTO& proto) {
+  _NatAgent.Log().TraceFormat("UdpMapMode -- oldMode %u --newMode %u\r\n%s", static_cast<unsigned>(current.mode),
+                              static_cast<unsigned>(wanted.mode), kRule);
+  switch (wanted.mode) {
+    case MAP_STATIC:
+      if (current.mode == MAP_STUN) {
+        RemoveStunPorts(current);
+      }
+      current = wanted;
+      return true;
+    case MAP_STUN:
+      if (current.mode == MAP_STUN) {
+        const u16 owner = static_cast<u16>(proto);
+        _NatAgent.m_stunWrapper.UpdatePorts(
+            {current.range.localStart, current.range.localEnd, current.StunInterval(), owner},
+            {wanted.range.localStart, wanted.range.localEnd, wanted.StunInterval(), owner});
+        current = wanted;
+      } else {
+        current = wanted;
+        AddStunPorts(current, proto);
+      }
+      return true;
+    case MAP_NONE:
+      break;
+  }
+  return false;
+}
+
+void QorMappingStorage::AddStunPorts(const NatMappings& mappings, CA_PROTO owner) {
+  _NatAgent.m_stunWrapper.Start();
+  _NatAgent.m_stunWrapper.AddPorts(mappings.range.localStart, mappings.range.localEnd, mappings.StunInterval(),
+                                   static_cast<u16>(owner));
+}
+
+void QorMappingStorage::RemoveStunPorts(const NatMappings& mappings) {
+  // Every port, not every second one: the RTCP ports may have been watched until a moment ago.
+  _NatAgent.m_stunWrapper.RemovePorts(mappings.range.localStart, mappings.range.localEnd, 1);
+  _NatAgent.m_stunWrapper.Release();
+}

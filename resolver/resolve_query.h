@@ -1,0 +1,22 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "nat/nat_records.h"
+
+// A name the resolver thread has looked up.
+struct ResolvedName {
+  std::string hostName;  // as it was queued
+  u32 address = 0;       // network byte order; 0 when the look-up failed
+};
+
+// A request that waits for its destination's name.
+struct ResolveQuery {
+  u64 queryId = 0;
+  std::string hostName;
+  std::list<NatItem> items;
+  NatPortType portType = NATPORT_UDP;
+  CA_PROTO proto{};    // the asking channel's
+  CA_PROTO csProto{};  // the further number that the request carried; of an RTP request the call server's protocol
+};

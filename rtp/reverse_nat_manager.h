@@ -1,0 +1,37 @@
+#pragma once
+
+#include <list>
+#include <map>
+
+#include "nat/nat_records.h"
+
+// The RTP translations handed out: per query id the public endpoints in the order they were handed out, and for each
+// public endpoint the local one behind it. Unbounded; only DeleteRevTarget removes. Agent thread only.
+class ReverseNatManager {
+ public:
+  ReverseNatManager() = default;
+  virtual ~ReverseNatManager() = default;
+  ReverseNatManager(const ReverseNatManager&) = delete;
+  ReverseNatManager& operator=(const ReverseNatManager&) = delete;
+
+  // Records the setting's public endpoint (mappedIp, mappedPort) under the query id. The local endpoint (localIp,
+  // selfPort) recorded first for a public endpoint stays, whoever hands it out again.
+  void AddRevTarget(const u64& queryId, const NatSetting& setting);
+
+  // Fills localIp and selfPort of the public endpoint's translation; false, with the setting unchanged, without one.
+  bool GetRevSettings(NatSetting& setting) const;
+
+  // Ends the query id and every translation its endpoints have, also where another id was handed the same endpoint.
+  // False when the id is not known.
+  bool DeleteRevTarget(const u64& queryId);
+
+ private:
+  struct Endpoint {
+    u32 ip = 0;  // as stored, network byte order
+    u16 port = 0;
+    bool operator<(const Endpoint& other) const { return ip != other.ip ? ip < other.ip : port < other.port; }
+  };
+
+  std::map<u64, std::list<NatItem>> revTargets;
+  std::map<Endpoint, Endpoint> revMappings;  // public -> local
+};

@@ -1,0 +1,42 @@
+// Reverse RTP requests and closing: from public endpoints back to the local ones, and the end of a query id.
+
+#include <algorithm>
+
+#include "agent/nat_agent.h"
+#include "messaging/nat_agent_messenger.h"
+
+u32 NatAgent::OnRequestReverceRTPNatMapping(const u64& queryId, const std::list<NatItem>& items, const CA_PROTO& proto,
+                                            const u32&) {
+  Log().LogRevRtpRequest(queryId, items);
+  std::list<NatRespItem> answers;
+  for (const NatItem& item : items) {
+    NatSetting setting;
+    setting.mappedIp = item.ip;
+    setting.mappedPort = item.port;
+    NatFlag flag = NATFLAG_NO_NEED_NAT;
+    GetRevGwNatSettings(setting, flag);
+    answers.push_back(AnswerItem(setting, flag));
+  }
+  if (NatCAMessenger* channel = ChannelOf(proto)) {
+    channel->ResponseReverceRTPNatMapping(queryId, answers, 0);
+  }
+  Log().LogRevRtpResponse(queryId, answers);
+  return 0;
+}
+
+bool NatAgent::GetRevGwNatSettings(NatSetting& setting, NatFlag& flag) {
+  flag = m_reverseNat.GetRevSettings(setting) ? NATFLAG_MAPPED : NATFLAG_NO_NEED_NAT;
+  return true;
+}
+
+bool NatAgent::CloseRTPNatMapping(const u64& queryId) {
+  Log().TraceNumber("Got CloseRTPNatMapping request for ", queryId);
+  const bool deleted = m_reverseNat.DeleteRevTarget(queryId);
+  Log().Trace(deleted ? "Rev target deleted\r\n" : "No rev target with such queryId\r\n", kLogOrdinary);
+  const auto waiting = std::find_if(m_pendingQueries.begin(), m_pendingQueries.end(),
+                                    [&](const ResolveQuery& query) { return query.queryId == queryId; });
+  if (waiting != m_pendingQueries.end()) {
+    m_pendingQueries.erase(waiting);
+  }
+  return true;
+}
