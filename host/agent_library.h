@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+
+#include "agent/natagent.h"
+
+// The agent's library as a device's host uses it: loaded at run time, reached through its three entry points only.
+class AgentLibrary {
+ public:
+  AgentLibrary() = default;
+  ~AgentLibrary() { Unload(); }
+  AgentLibrary(const AgentLibrary&) = delete;
+  AgentLibrary& operator=(const AgentLibrary&) = delete;
+
+  // Returns an empty text, or why the library cannot be used; it is then not loaded.
+  std::string Load();
+
+  // Stop the agent first.
+  void Unload();
+
+  // Valid while loaded.
+  decltype(&::NatMain) natMain = nullptr;
+  decltype(&::StopNatMain) stopNatMain = nullptr;
+  decltype(&::UpdateNatMain) updateNatMain = nullptr;
+
+ private:
+  void* m_handle = nullptr;
+};

@@ -1,0 +1,49 @@
+#include "host/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace {
+
+std::string FailureText(const CLI::App* app, const CLI::Error& error) {
+  return app->get_name() + ": " + error.what() + "\n";
+}
+
+// What an empty shell variable leaves is no wish for the default.
+std::string CheckName(const std::string& name) { return name.empty() ? "the name is empty" : ""; }
+
+}  // namespace
+
+std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode) {
+  CommandLine parsed;
+  CLI::App app("Runs the NAT agent with the settings of a file.", "natagentd");
+  app.add_option("--config", parsed.config,
+                 std::string("Configuration (default: ") + kDefaultConfig + " when it exists, else built-in settings)")
+      ->check(CheckName)
+      ->type_name("FILE");
+  app.add_option("--runtime-dir", parsed.dirs.runtime,
+                 "Directory of the agent's queues (default: $NATAGENT_RUNTIME_DIR or /run/natagent)")
+      ->check(CheckName)
+      ->type_name("DIR");
+  app.add_option("--log-dir", parsed.dirs.log,
+                 "Directory of natagent.log (default: $NATAGENT_LOG_DIR or /var/log/natagent)")
+      ->check(CheckName)
+      ->type_name("DIR");
+  app.failure_message(FailureText);
+  app.add_flag("--check", parsed.check, "Check the configuration and exit");
+  app.set_version_flag("--version", "natagentd " NATAGENT_VERSION);
+  app.footer(
+      "SIGHUP reads the configuration again; a wrong one keeps the settings that hold. SIGTERM and SIGINT stop the "
+      "agent.\nExit status: 0 stopped, or checked; 1 the agent cannot run; 2 wrong usage or configuration.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    exitCode = app.exit(error) == 0 ? kExitOk : kExitUsage;
+    if (exitCode == kExitOk && !std::cout.flush()) {
+      std::cerr << "natagentd: cannot write to standard output\n";
+      exitCode = kExitFailed;
+    }
+    return std::nullopt;
+  }
+  return parsed;
+}

@@ -1,0 +1,221 @@
+#include "host/config_file.h"
+
+#include <fcntl.h>
+#include <net/if.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "host/config_section.h"
+#include "platform/unique_fd.h"
+
+namespace {
+
+constexpr u16 kNatChanged = 0x0080;
+constexpr u16 kStunChanged = 0x2000;
+constexpr std::size_t kMaxHostName = 253;  // RFC 1035, section 2.3.4, as text
+constexpr std::size_t kMaxFile = 1 << 20;  // bytes; far above any configuration, far below what memory holds
+
+const toml::table* Section(const toml::table& root, std::string_view name, ConfigErrors& errors) {
+  const toml::node* node = root.get(name);
+  if (node == nullptr) return nullptr;
+  if (node->as_table() == nullptr) {
+    errors.Add(node->source().begin.line, name, "must be a table, is " + std::string(TomlTypeName(node->type())));
+  }
+  return node->as_table();
+}
+
+void RefuseUnknownSections(const toml::table& root, ConfigErrors& errors) {
+  for (const auto& [key, node] : root) {
+    const std::string_view name = key.str();
+    if (name == "media" || name == "nat" || name == "stun") continue;
+    errors.Add(key.source().begin.line, name, node.is_table() ? "unknown table" : "unknown key");
+  }
+}
+
+void ReadMedia(ConfigSection& section, MediaConfig& media) {
+  section.Port("rtp_port_start", media.rtpPortStart);
+  section.Port("rtp_port_end", media.rtpPortEnd);
+  section.Flag("rtcp_enabled", media.rtcpEnabled);
+  section.RefuseUnknown();
+  if (media.rtpPortStart > media.rtpPortEnd) {
+    section.Refuse(section.Has("rtp_port_start") ? "rtp_port_start" : "rtp_port_end",
+                   "range upside down: rtp_port_start " + std::to_string(media.rtpPortStart) +
+                       " is above rtp_port_end " + std::to_string(media.rtpPortEnd));
+  }
+}
+
+void ReadExclusions(ConfigSection& section, NatConfig& nat, ConfigErrors& errors) {
+  const toml::array* rules = section.Array("exclusions");
+  if (rules == nullptr) return;
+  std::size_t index = 0;
+  for (const toml::node& node : *rules) {
+    const std::string name = "nat.exclusions[" + std::to_string(index++) + "]";
+    if (!node.is_table()) {
+      errors.Add(node.source().begin.line, name, "must be a table, is " + std::string(TomlTypeName(node.type())));
+      continue;
+    }
+    ConfigSection rule(node.as_table(), name, errors);
+    NatExcRuleText text;
+    rule.AddressText("ip", text.ipText);
+    rule.MaskText("mask", text.maskText);
+    rule.RefuseUnknown();
+    nat.natExclusions.push_back(std::move(text));
+  }
+}
+
+// A public port that is not named is the local one: a router that forwards without renumbering.
+void ReadSip(ConfigSection& section, NatConfig& nat) {
+  section.Port("sip_udp_port", nat.sipUdpPort);
+  section.Port("sip_tcp_port", nat.sipTcpPort);
+  section.Flag("sip_udp_use_stun", nat.sipUdpUseStun);
+  section.Address("sip_udp_public_ip", nat.sipUdpPublicIp);
+  nat.sipUdpPublicPort = nat.sipUdpPort;
+  section.PortOrNone("sip_udp_public_port", nat.sipUdpPublicPort);
+  section.Address("sip_tcp_public_ip", nat.sipTcpPublicIp);
+  nat.sipTcpPublicPort = nat.sipTcpPort;
+  section.PortOrNone("sip_tcp_public_port", nat.sipTcpPublicPort);
+  if (nat.sipUdpPublicIp != 0 && nat.sipUdpPublicPort == 0) {
+    section.Refuse("sip_udp_public_port", "0 is no port for sip_udp_public_ip");
+  }
+  if (nat.sipTcpPublicIp != 0 && nat.sipTcpPublicPort == 0) {
+    section.Refuse("sip_tcp_public_port", "0 is no port for sip_tcp_public_ip");
+  }
+}
+
+void CheckGwRange(ConfigSection& section, const MediaConfig& media, const NatConfig& nat) {
+  if (nat.gwPublicPortStart > nat.gwPublicPortEnd) {
+    return section.Refuse(section.Has("gw_public_port_start") ? "gw_public_port_start" : "gw_public_port_end",
+                          "range upside down: gw_public_port_start " + std::to_string(nat.gwPublicPortStart) +
+                              " is above gw_public_port_end " + std::to_string(nat.gwPublicPortEnd));
+  }
+  if (nat.gwPublicIp == 0) return;
+  if (nat.gwPublicPortStart == 0) return section.Refuse("gw_public_port_start", "0 is no port for gw_public_ip");
+  // Every local port is shifted by the same distance; past 65535 it would come out as a small port of somebody else.
+  const int last = nat.gwPublicPortStart + (media.rtpPortEnd - media.rtpPortStart);
+  if (last > 65535) {
+    section.Refuse("gw_public_port_start",
+                   "rtp_port_end would be seen as port " + std::to_string(last) + ", above 65535");
+  }
+}
+
+void ReadGw(ConfigSection& section, const MediaConfig& media, NatConfig& nat) {
+  section.Text("gw_interface", nat.gwInterface);
+  section.Flag("gw_use_stun", nat.gwUseStun);
+  section.Address("gw_public_ip", nat.gwPublicIp);
+  nat.gwPublicPortStart = media.rtpPortStart;
+  section.PortOrNone("gw_public_port_start", nat.gwPublicPortStart);
+  const int span = media.rtpPortEnd - media.rtpPortStart;
+  nat.gwPublicPortEnd = static_cast<u16>(std::min(nat.gwPublicPortStart + std::max(span, 0), 65535));
+  section.PortOrNone("gw_public_port_end", nat.gwPublicPortEnd);
+  if (nat.gwInterface.empty() || nat.gwInterface.size() >= IFNAMSIZ) {
+    section.Refuse("gw_interface", "must be \"*\" or the name of an interface, 1 to 15 characters");
+  }
+  CheckGwRange(section, media, nat);
+}
+
+void ReadStun(ConfigSection& section, NatConfig& nat) {
+  section.Text("server_host", nat.stunServerHost);
+  section.Port("server_port", nat.stunServerPort);
+  section.Number("setting1", nat.stunSetting1);
+  section.Number("setting2", nat.stunSetting2);
+  section.Number("setting3", nat.stunSetting3);
+  section.RefuseUnknown();
+  if (nat.stunServerHost.size() > kMaxHostName) section.Refuse("server_host", "longer than 253 characters");
+}
+
+void CheckStunUse(ConfigSection& section, const NatConfig& nat) {
+  if (!nat.stunServerHost.empty()) return;
+  if (nat.sipUdpUseStun != 0) section.Refuse("sip_udp_use_stun", "true needs stun.server_host");
+  if (nat.gwUseStun != 0) section.Refuse("gw_use_stun", "true needs stun.server_host");
+}
+
+// Appends the file's bytes to `text`; returns an empty text, or why they cannot be had. Never waits: a pipe without a
+// writer would hold the daemon, and a device may have no end.
+std::string ReadFile(const std::string& file, std::string& text) {
+  const UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status {};
+  if (!fd || ::fstat(fd.Get(), &status) != 0) return std::strerror(errno);
+  if (S_ISDIR(status.st_mode)) return std::strerror(EISDIR);
+  if (!S_ISREG(status.st_mode)) return "not a regular file";
+  for (;;) {
+    char block[4096];
+    const ssize_t length = ::read(fd.Get(), block, sizeof block);
+    if (length < 0 && errno == EINTR) continue;
+    if (length < 0) return std::strerror(errno);
+    if (length == 0) return {};
+    text.append(block, static_cast<std::size_t>(length));
+    if (text.size() > kMaxFile) return "larger than 1 MiB";
+  }
+}
+
+bool SameStun(const NatConfig& a, const NatConfig& b) {
+  return a.stunSetting1 == b.stunSetting1 && a.stunSetting2 == b.stunSetting2 && a.stunSetting3 == b.stunSetting3 &&
+         a.stunServerHost == b.stunServerHost && a.stunServerPort == b.stunServerPort;
+}
+
+NatConfig WithoutStun(NatConfig nat) {
+  nat.stunSetting1 = nat.stunSetting2 = nat.stunSetting3 = 0;
+  nat.stunServerHost.clear();
+  nat.stunServerPort = 0;
+  return nat;
+}
+
+}  // namespace
+
+HostSettings DefaultSettings() {
+  HostSettings settings;
+  settings.media.rtpPortStart = settings.nat.gwPublicPortStart = 10000;
+  settings.media.rtpPortEnd = settings.nat.gwPublicPortEnd = 10199;
+  settings.media.rtcpEnabled = 1;
+  settings.nat.gwInterface = "*";
+  settings.nat.sipUdpPort = settings.nat.sipUdpPublicPort = 5060;
+  settings.nat.sipTcpPort = settings.nat.sipTcpPublicPort = 5060;
+  settings.nat.stunServerPort = 3478;
+  return settings;
+}
+
+u16 ChangesBetween(const HostSettings& before, const HostSettings& after) {
+  u16 changes = 0;
+  if (before.media != after.media || WithoutStun(before.nat) != WithoutStun(after.nat)) changes |= kNatChanged;
+  if (!SameStun(before.nat, after.nat)) changes |= kStunChanged;
+  return changes;
+}
+
+ConfigResult ParseConfig(std::string_view text, const std::string& file) {
+  ConfigErrors errors(file);
+  const toml::parse_result parsed = toml::parse(text, file);
+  if (!parsed) {
+    errors.Add(parsed.error().source().begin.line, "", parsed.error().description());
+    return {std::nullopt, errors.Texts()};
+  }
+
+  const toml::table& root = parsed.table();
+  HostSettings settings = DefaultSettings();
+  ConfigSection media(Section(root, "media", errors), "media", errors);
+  ConfigSection nat(Section(root, "nat", errors), "nat", errors);
+  ConfigSection stun(Section(root, "stun", errors), "stun", errors);
+  ReadMedia(media, settings.media);
+  ReadSip(nat, settings.nat);
+  ReadGw(nat, settings.media, settings.nat);
+  ReadExclusions(nat, settings.nat, errors);
+  nat.RefuseUnknown();
+  ReadStun(stun, settings.nat);
+  CheckStunUse(nat, settings.nat);
+  RefuseUnknownSections(root, errors);
+
+  if (!errors.Empty()) return {std::nullopt, errors.Texts()};
+  return {std::move(settings), {}};
+}
+
+ConfigResult ReadConfig(const std::string& file) {
+  std::string text;
+  const std::string fault = ReadFile(file, text);
+  if (fault.empty()) return ParseConfig(text, file);
+  ConfigErrors errors(file);
+  errors.Add(0, "", "cannot be read: " + fault);
+  return {std::nullopt, errors.Texts()};
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <signal.h>
+
+#include <optional>
+#include <string>
+
+#include "host/agent_library.h"
+#include "host/command_line.h"
+#include "host/config_file.h"
+#include "host/host_config_source.h"
+
+// The settings in force at start, from the file the command line names or the default one. Without a value the errors
+// have been reported. `file` becomes the file that was read, or stays empty for the built-in settings.
+std::optional<HostSettings> LoadSettings(std::string& file);
+
+// Blocks the signals that drive the daemon in this thread and in those it starts, and returns them. Comes before
+// everything else, so that one sent right after the start waits for the daemon instead of killing it.
+sigset_t TakeSignals();
+
+// One run of the agent: from loading the library to unloading it. Everything happens on the thread that makes it.
+class Daemon {
+ public:
+  // `signals`: those of TakeSignals.
+  Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, HostSettings settings);
+
+  // Returns the exit code.
+  int Run();
+
+ private:
+  enum class Start { READY, STOPPED, FAILED };
+
+  Start WaitForQueues();
+  void Serve();
+  void Reload();
+
+  const sigset_t m_signals;
+  const RuntimeDirs m_dirs;
+  std::string m_configFile;
+  HostConfigSource m_source;
+  AgentLibrary m_library;
+  bool m_reloadAsked = false;  // by a SIGHUP that came while the agent was starting
+};
