@@ -1,0 +1,29 @@
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "platform/standard_descriptors.h"
+#include "tools/command_line.h"
+#include "tools/printer.h"
+#include "tools/runner.h"
+#include "tools/session.h"
+#include "tools/stun_runner.h"
+
+int main(int argc, char** argv) {
+  if (!FillStandardDescriptors()) {
+    PrintError(std::string("/dev/null: ") + std::strerror(errno));
+    return static_cast<int>(ExitStatus::UNANSWERED);
+  }
+  int exitCode = 0;
+  const std::optional<CommandLine> line = ParseCommandLine(argc, argv, exitCode);
+  if (!line) return exitCode;
+
+  Printer printer(line->json);
+  if (line->stun) return static_cast<int>(RunStun(*line->stun, line->timeoutMs, printer));
+
+  Session session(line->runtimeDir, line->timeoutMs, printer);
+  if (line->run) return static_cast<int>(RunLines(line->file, session));
+  session.Execute(line->command);
+  session.Finish();
+  return static_cast<int>(session.Status());
+}

@@ -1,0 +1,116 @@
+#include "tools/stun_runner.h"
+
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "platform/sockets/host_lookup.h"
+#include "tools/parsing.h"
+#include "tools/stun_query.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string Text(const stun::Endpoint& endpoint) {
+  return AddressText(endpoint.address) + ":" + std::to_string(endpoint.port);
+}
+
+// Milliseconds with one decimal.
+double Rounded(std::chrono::microseconds time) { return std::round(static_cast<double>(time.count()) / 100) / 10; }
+
+class Runner {
+ public:
+  Runner(int timeoutMs, Printer& printer) : m_timeout(timeoutMs), m_printer(printer) {}
+
+  ExitStatus Run(const StunCommand& command) {
+    if (const int error = m_query.Bind(command.localPort); error != 0) {
+      const std::string port = command.localPort == 0 ? "a port" : "port " + std::to_string(command.localPort);
+      const std::string reason =
+          error == EADDRINUSE ? "it is in use by another program" : std::generic_category().message(error);
+      Fail(Json{{"error", "local-port"}}, "", "UDP " + port + " cannot be bound: " + reason);
+    } else {
+      for (const StunCommand::Server& server : command.servers) AskServer(server);
+      if (m_asked > 1) Compare();
+    }
+    return m_printer.Flush() && !m_isUnanswered ? ExitStatus::ANSWERED : ExitStatus::UNANSWERED;
+  }
+
+ private:
+  stun::TimePoint Deadline() const { return stun::Clock::now() + m_timeout; }
+
+  void AskServer(const StunCommand::Server& server) {
+    const auto addresses = sockets::LookUpHostAddresses(server.host.c_str(), std::stop_token(), Deadline());
+    if (addresses.empty()) {
+      const std::string name = server.host + ":" + std::to_string(server.port);
+      ++m_asked;
+      Fail(Json{{"stun", name}, {"error", "unreachable"}}, name, "no IPv4 address is known for the name");
+    }
+    for (const u32 address : addresses) AskAddress({address, server.port});
+  }
+
+  void AskAddress(const stun::Endpoint& server) {
+    m_printer.Flush();
+    ++m_asked;
+    const StunOutcome outcome = m_query.Ask(server, Deadline());
+    if (!outcome.mapped) {
+      Fail(Json{{"stun", Text(server)}, {"error", outcome.error}}, Text(server), outcome.text);
+      return;
+    }
+    m_mapped.push_back(*outcome.mapped);
+    const double roundTrip = Rounded(outcome.roundTrip);
+    Json object{{"stun", Text(server)},
+                {"local", Text(outcome.local)},
+                {"mapped", Text(*outcome.mapped)},
+                {"rtt_ms", roundTrip}};
+    std::string line = Text(server) + "  " + Text(outcome.local) + " -> " + Text(*outcome.mapped) + "  " +
+                       object["rtt_ms"].dump() + " ms";
+    if (outcome.sends > 1) {
+      object["sends"] = outcome.sends;
+      line += ", after " + std::to_string(outcome.sends) + " requests";
+    }
+    Tell(object, line);
+  }
+
+  void Compare() {
+    if (m_mapped.size() < 2) {
+      Tell(Json{{"nat", "unknown"}}, "fewer than two servers answered: whether the NAT maps alike is not known");
+    } else if (std::all_of(m_mapped.begin(), m_mapped.end(), [&](const auto& each) { return each == m_mapped[0]; })) {
+      Tell(Json{{"nat", "same"}}, "the same mapping toward each: what STUN learns holds for others too");
+    } else {
+      Tell(Json{{"nat", "different"}}, "different mappings: what STUN learns holds for the server alone");
+    }
+  }
+
+  void Tell(const Json& object, const std::string& line) {
+    m_printer.Print(m_printer.IsJson() ? Line(object) : line + "\n", false);
+  }
+
+  // `whom`: empty, or the server it is about.
+  void Fail(Json object, const std::string& whom, const std::string& text) {
+    m_isUnanswered = true;
+    if (!text.empty()) object["text"] = text;
+    const std::string reason = text.empty() ? "no answer in time" : text;
+    m_printer.Print(
+        m_printer.IsJson() ? Line(object) : "natctl: stun " + (whom.empty() ? reason : whom + ": " + reason) + "\n",
+        true);
+  }
+
+  static std::string Line(const Json& object) {
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  }
+
+  const std::chrono::milliseconds m_timeout;
+  Printer& m_printer;
+  StunQuery m_query;
+  std::size_t m_asked = 0;
+  std::vector<stun::Endpoint> m_mapped;
+  bool m_isUnanswered = false;
+};
+
+}  // namespace
+
+ExitStatus RunStun(const StunCommand& command, int timeoutMs, Printer& printer) {
+  return Runner(timeoutMs, printer).Run(command);
+}
