@@ -1,0 +1,141 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tools/command.h"
+#include "tools/line_reader.h"
+#include "tools/parsing.h"
+#include "tools/stun_command.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+Command Valid(const char* line) {
+  const CommandResult result = ParseCommand(SplitWords(line), true);
+  EXPECT_EQ(result.error, "") << line;
+  return result.command.value_or(Command());
+}
+
+TEST(NatctlCommand, EveryWordCounts) {
+  Command command = Valid("cs sip host.example 10.77.0.2:5060 tls value=4294967295 nowait id=18446744073709551615");
+  EXPECT_EQ(command.kind, CommandKind::CS);
+  EXPECT_EQ(command.party, NATCLIENT_SIP);
+  EXPECT_EQ(command.destination, "host.example");
+  EXPECT_EQ(command.items.at(0).ip, inet_addr("10.77.0.2"));
+  EXPECT_EQ(command.items.at(0).port, 5060);
+  EXPECT_EQ(command.portType, NATCLIENT_TLS);
+  EXPECT_EQ(command.id, UINT64_MAX);
+  EXPECT_EQ(command.value, UINT32_MAX);
+  EXPECT_TRUE(command.nowait);
+  // Options and items may be mixed.
+  command = Valid("cs-list q113 198.51.100.9 1.2.3.4:0 id=7 5.6.7.8:65535");
+  EXPECT_EQ(command.id, 7u);
+  EXPECT_EQ(command.items.at(1).port, 65535);
+  EXPECT_FALSE(command.nowait);
+  command = Valid("update 92 nowait a:b value=3");
+  EXPECT_EQ(command.updateType, 92u);
+  EXPECT_THAT(command.texts, ElementsAre("nowait", "a:b"));
+  // The call server is the party's own unless it is named.
+  EXPECT_EQ(Valid("rtp sip 1.2.3.4").value, 1u);
+  EXPECT_EQ(Valid("rtp cc 1.2.3.4").value, 3u);
+  EXPECT_EQ(Valid("rtp cc 1.2.3.4 server=cm").value, 0u);
+  EXPECT_EQ(Valid("rtp cc 1.2.3.4 server=9").value, 9u);
+  EXPECT_EQ(Valid("wait").silenceMs, 1000);
+  EXPECT_EQ(Valid("wait 0.25").silenceMs, 250);
+}
+
+TEST(NatctlCommand, LinesAreSplitAtBlanksUpToAComment) {
+  EXPECT_THAT(SplitWords("  cs\tsip  host#1 # id=3\r"), ElementsAre("cs", "sip", "host#1"));
+  EXPECT_THAT(SplitWords("# all of it"), ElementsAre());
+}
+
+TEST(NatctlCommand, WrongWordsAreNamed) {
+  const struct {
+    const char* line;
+    const char* error;
+  } cases[] = {
+      {"csx sip", "'csx' is not a command"},
+      {"cs sipp 1.2.3.4 1.2.3.4:1", "cs: 'sipp' is not a party"},
+      {"cs cgi 1.2.3.4 1.2.3.4:1", "cs: 'cgi' cannot send"},
+      {"cs sip 1.2.3.4", "cs: IP:PORT is missing"},
+      {"cs sip 1.2.3.4 1.2.3:5060", "cs: '1.2.3:5060' is not IP:PORT"},
+      {"cs sip 1.2.3.4 1.2.3.4:65536", "cs: '1.2.3.4:65536' is not IP:PORT"},
+      {"cs sip 1.2.3.4 1.2.3.4:", "cs: '1.2.3.4:' is not IP:PORT"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 1.2.3.4:2", "cs: '1.2.3.4:2' is one item too many"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 id=18446744073709551616", "'id=18446744073709551616'"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 id=1 id=2", "cs: 'id=2': id is given twice"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 udp tcp", "cs: 'tcp': the kind of port is given twice"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 nowait nowait", "cs: 'nowait': nowait is given twice"},
+      {"cs sip 1.2.3.4 1.2.3.4:1 value=4294967296", "cs: 'value=4294967296'"},
+      {"cs-list sip 1.2.3.4 udp", "cs-list: 'udp' is not IP:PORT"},
+      {"rtp cc 1.2.3.4 server=sips", "rtp: 'server=sips'"},
+      {"close sip", "close: id=N is missing"},
+      {"update x", "update: 'x' is not an update type"},
+      {"wait nan", "wait: 'nan' is not SECONDS"},
+  };
+  for (const auto& each : cases) {
+    const CommandResult result = ParseCommand(SplitWords(each.line), true);
+    EXPECT_FALSE(result.command.has_value()) << each.line;
+    EXPECT_THAT(result.error, HasSubstr(each.error)) << each.line;
+  }
+}
+
+TEST(NatctlStun, ServersAndPort) {
+  const auto command = ParseStunCommand({"stun", "host.example", "--local-port", "5060", "1.2.3.4:65535"}).command;
+  ASSERT_TRUE(command.has_value());
+  ASSERT_EQ(command->servers.size(), 2u);
+  EXPECT_EQ(command->servers[0].host + "|" + command->servers[1].host, "host.example|1.2.3.4");
+  EXPECT_EQ(command->servers[0].port, 3478);
+  EXPECT_EQ(command->servers[1].port, 65535);
+  EXPECT_EQ(command->localPort, 5060);
+  for (const char* line : {"stun", "stun --local-port 1", "stun h --local-port", "stun h --local-port 0",
+                           "stun h --local-port 65536", "stun h --local-port 1 --local-port 1", "stun h:", "stun :1",
+                           "stun h:0", "stun h:65536", "stun h:1:2", "stun ::1", "stun h --local-prot 5"}) {
+    const StunCommandResult result = ParseStunCommand(SplitWords(line));
+    EXPECT_FALSE(result.command.has_value()) << line;
+    EXPECT_THAT(result.error, testing::StartsWith("stun: ")) << line;
+  }
+}
+
+TEST(NatctlCommand, LimitsOfTheMessagesAreRefusedBeforeSending) {
+  const auto isValid = [](const std::vector<std::string>& words) {
+    return ParseCommand(words, false).command.has_value();
+  };
+  EXPECT_TRUE(isValid({"cs", "sip", std::string(255, 'a'), "1.2.3.4:1"}));
+  EXPECT_FALSE(isValid({"cs", "sip", std::string(256, 'a'), "1.2.3.4:1"}));
+  EXPECT_FALSE(isValid({"cs", "sip", std::string("a\0b", 3), "1.2.3.4:1"}));
+  std::vector<std::string> words{"reverse", "cc"};
+  words.resize(2 + NATCLIENT_MAX_ITEMS, "1.2.3.4:1");
+  EXPECT_TRUE(isValid(words));
+  words.push_back("1.2.3.4:1");
+  EXPECT_FALSE(isValid(words));
+  EXPECT_FALSE(isValid({"connect", "sip"})) << "for run only";
+}
+
+TEST(NatctlLines, LinesComeWholeHoweverTheyWereWritten) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  std::vector<std::string> pieces{"o\nlast", "e\n\ntw", "\xEF\xBB\xBFon"};  // the next one last
+  const auto writeNext = [&] {
+    if (pieces.empty()) {
+      ::close(ends[1]);
+      return;
+    }
+    EXPECT_GT(::write(ends[1], pieces.back().data(), pieces.back().size()), 0);
+    pieces.pop_back();
+  };
+  LineReader reader(ends[0]);
+  for (const char* expected : {"one", "", "two", "last"}) EXPECT_EQ(reader.Next(writeNext), expected);
+  EXPECT_EQ(reader.Next(writeNext), std::nullopt);
+  EXPECT_EQ(reader.Error(), 0);
+  ::close(ends[0]);
+  LineReader failing(-1);
+  EXPECT_EQ(failing.Next([] {}), std::nullopt);
+  EXPECT_EQ(failing.Error(), EBADF);
+}
+
+}  // namespace

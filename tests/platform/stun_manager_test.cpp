@@ -1,0 +1,230 @@
+#include "platform/stunutils/stun_manager.h"
+
+#include <linux/capability.h>
+#include <sys/syscall.h>
+
+#include <future>
+#include <set>
+
+#include "tests/platform/stun_manager_fixture.h"
+
+namespace {
+
+TEST_F(StunManagerTest, LearnsEachPortOfTheRangesAndNoOther) {
+  const std::vector<u16> ports{2, 5060, 10000, 10002, 10008, 65534, 65535};
+  server->offset = -1;
+  Add(10000, 10003, 3, 2);
+  Start();
+  Add(10008, 10009, 3, 2);
+  Add(5060, 5060, 1);
+  Add(0, 2, 3, 2);
+  Add(65534, 65535, 3, 0);  // does not run over
+  Add(20001, 20000, 3);
+  EXPECT_TRUE(Learns(ports, -1));
+  const auto asked = server->Asked();
+  EXPECT_EQ(std::set(asked.begin(), asked.end()), std::set(ports.begin(), ports.end()));
+  StunResult result;
+  manager->GetPortResult(5060, result);
+  EXPECT_EQ(result.address2, ::inet_addr("203.0.113.2"));
+}
+
+TEST_F(StunManagerTest, RegistrationsAreCounted) {
+  Start();
+  Add(10000, 10001, 3);
+  Add(10000, 10003, 3);
+  ASSERT_TRUE(Learns({10000, 10002}));
+  manager->RemovePorts(9990, 10003, 1);
+  EXPECT_EQ(PublicPort(10000), 11000) << "registered once more";
+  manager->RemovePorts(10000, 10000, 1);
+  EXPECT_EQ(PublicPort(10000), 0);
+  manager->RemoveAllPorts();
+  EXPECT_EQ(PublicPort(10001), 0);
+}
+
+TEST_F(StunManagerTest, ChangeIsReportedOnceConfirmedForEachRegistration) {
+  Start();
+  Add(5060, 5060, 1);
+  Add(10000, 10001, 3);
+  Add(10001, 10001, 0);
+  ASSERT_TRUE(Learns({5060, 10000, 10001}));
+  server->oddOffset = 7;
+  ASSERT_TRUE(Eventually([&] { return server->oddOffset == 0; }));
+  ASSERT_TRUE(IsAskedAgain(6));
+  EXPECT_TRUE(Learns({5060, 10000, 10001}));
+  EXPECT_TRUE(Reports().empty()) << "neither the first learning nor a single odd answer is a change";
+
+  server->offset = 2000;
+  ASSERT_TRUE(Eventually([&] { return !Reports().empty(); }));
+  ASSERT_TRUE(IsAskedAgain(6));
+  EXPECT_EQ(Reports(), std::vector{(Changes{{5060, 1}, {10000, 3}, {10001, 3}, {10001, 0}})});
+  EXPECT_TRUE(Learns({5060, 10000, 10001}, 2000));
+}
+
+TEST_F(StunManagerTest, WithoutTheCapabilityFreePortsAreLearntAndOwnedOnesToldOnce) {
+  said =
+      "stun: without CAP_NET_RAW only ports that nobody uses can be learnt\n"
+      "stun: these ports are in use and cannot be learnt without CAP_NET_RAW: 5060 10001-10002\n";
+  const int owners[] = {BoundSocket("0.0.0.0", 5060), BoundSocket(kDevice, 10001), BoundSocket(kDevice, 10002)};
+  Add(5060, 5060, 1);
+  Add(10000, 10099, 3);
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[2];
+  ASSERT_EQ(::syscall(SYS_capget, &header, data), 0);
+  data[0].effective ^= 1U << CAP_NET_RAW;
+  ASSERT_EQ(::syscall(SYS_capset, &header, data), 0);
+  Start();
+  data[0].effective ^= 1U << CAP_NET_RAW;
+  ASSERT_EQ(::syscall(SYS_capset, &header, data), 0);
+  EXPECT_TRUE(Learns({10000, 10003, 10099}));
+  ASSERT_TRUE(IsAskedAgain(200)) << "two periods";
+  for (const int owner : owners) {
+    ::close(owner);
+  }
+  EXPECT_TRUE(Learns({5060, 10001})) << "as soon as they are free";
+  for (const u16 port : {5060, 10000, 10099}) {
+    int late = -1;
+    EXPECT_TRUE(Eventually([&] { return (late = BoundSocket("0.0.0.0", port)) >= 0; })) << port << " is kept";
+    ::close(late);
+  }
+}
+
+TEST_F(StunManagerTest, AnswersNobodyAskedForAreNotBelieved) {
+  said = testing::_;
+  const int own = server->socket;
+  const int stranger = BoundSocket(kServer, 9999);
+  const int otherServer = BoundSocket(kOtherServer, 3478);  // heard, but not believed for the one that was asked
+  Start({kFirst, kSecond});
+  for (const int from : {stranger, otherServer, own}) {
+    server->socket = from;
+    server->hasOtherId = from == own;
+    Add(5060, 5060, 1);
+    ASSERT_TRUE(IsAskedAgain(3));
+    EXPECT_EQ(PublicPort(5060), 0) << from;
+    manager->RemoveAllPorts();
+  }
+  ::close(stranger);
+  ::close(otherServer);
+}
+
+TEST_F(StunManagerTest, ServersThatCannotBeAskedAreToldAndLeftOut) {
+  said =
+      "stun: \":3478\" cannot be a server: it needs a host and a port\n"
+      "stun: \"10.77.0.3:0\" cannot be a server: it needs a host and a port\n"
+      "stun: \"10.77.0.3:65536\" cannot be a server: it needs a host and a port\n"
+      "stun: \"10.77.0.3:34 78\" cannot be a server: it needs a host and a port\n"
+      "stun: 0.0.0.0 cannot be a server's address\n"
+      "stun: there is no server to ask\n";
+  Add(5060, 5060, 1);
+  Start({{"", "3478"}, {kServer, "0"}, {kServer, "65536"}, {kServer, "34 78"}, {"0.0.0.0", "3478"}, kFirst});
+  EXPECT_TRUE(Learns({5060}));
+  manager->Stop(true);
+  Start({});
+}
+
+TEST_F(StunManagerTest, NextServerIsAskedWhenOneIsSilentOrRefuses) {
+  said =
+      "stun: server 10.77.0.3:3478 does not answer; known mappings are kept\n"
+      "stun: server 10.77.0.4:3478 answers again\n"
+      "stun: server 10.77.0.3:3478 refuses with error 400\n"
+      "stun: server 10.77.0.3:3478 refuses with error 500\n";
+  StunResponder good(kOtherServer);
+  for (const u8 refusal : {0, 4, 5}) {
+    server->refusal = refusal;
+    server->isSilent = refusal == 0;
+    const std::size_t before = server->Asked().size();
+    manager.emplace(true, true);
+    Add(5060, 5069, 1);
+    Start({kFirst, kSecond});
+    EXPECT_TRUE(Learns({5060, 5069})) << int{refusal};
+    EXPECT_LE(server->Asked().size() - before, 3U + 4U) << "three requests at most, and four for the comparison";
+  }
+}
+
+TEST_F(StunManagerTest, NatThatMapsEachDestinationDifferentlyIsToldOnce) {
+  said =
+      "stun: the NAT maps port 5060 differently for each destination: 203.0.113.2:6060 toward 10.77.0.3:3478, "
+      "203.0.113.2:6061 toward 10.77.0.4:3478; what is learnt holds for the server alone\n";
+  for (const int difference : {0, 1}) {
+    StunResponder second(kOtherServer);
+    second.offset = 1000 + difference;
+    manager.emplace(true, true);
+    Add(5060, 5069, 1);
+    Start({kFirst, kSecond});
+    ASSERT_TRUE(IsAskedAgain(30)) << "three periods";
+    EXPECT_TRUE(Learns({5060, 5069})) << "the first server's word stands";
+    EXPECT_LE(second.Asked().size(), 4U);
+    manager->UpdateSettings({kSecond}, 86400, 5, 100);
+    EXPECT_TRUE(Learns({5060, 5069}, 1000 + difference)) << "another server is asked for all ports at once";
+  }
+}
+
+TEST_F(StunManagerTest, StopFromTheCallbackIsTheLastOfIt) {
+  std::promise<bool> couldStart;
+  std::function<void()> stop = [&] {
+    manager->Stop(false);
+    couldStart.set_value(manager->Start(true, true));  // a second call would throw
+  };
+  manager->SetChangedPortsCallback([](void* context, Changes&) { (*static_cast<decltype(stop)*>(context))(); }, &stop);
+  Add(5060, 5060, 1);
+  Start();
+  ASSERT_TRUE(Learns({5060}));
+  server->offset = 2000;
+  EXPECT_FALSE(couldStart.get_future().get());
+  Start();  // from any other thread it can
+}
+
+TEST_F(StunManagerTest, CallsFromManyThreadsAtOnce) {
+  said = testing::_;
+  Add(5060, 5060, 1);
+  const std::function<void()> calls[] = {
+      [&] { manager->Start(true, true); }, [&] { Add(10000, 10099, 3); },
+      [&] { Configure({kSecond}); },       [&] { manager->SendScanEvent(); },
+      [&] { PublicPort(10000); },          [&] { manager->RemovePorts(10000, 10099, 1); },
+      [&] { manager->Stop(false); },       [&] { manager->SetChangedPortsCallback(nullptr, nullptr); }};
+  std::vector<std::thread> threads;
+  for (std::size_t id = 0; id < 4; ++id) {
+    threads.emplace_back([&calls, id] {
+      for (std::size_t i = 0; i < 50; ++i) {
+        calls[(i + id) % std::size(calls)]();
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  Start();
+  EXPECT_TRUE(Learns({5060}));
+}
+
+TEST_F(StunManagerTest, WithoutAnUplinkTheOldOneGoesOnAndTheNextIsComparedWithIt) {
+  said =
+      "stun: there is no uplink to learn on\n"
+      "stun: server 10.77.0.3:3478 does not answer; known mappings are kept\n";
+  Add(5060, 5060, 1);
+  Start();
+  ASSERT_TRUE(Learns({5060}));
+  Sh("ip route del default");
+  EXPECT_FALSE(manager->Start(true, true));
+  Add(5061, 5061, 1);
+  EXPECT_TRUE(Learns({5060, 5061}));
+
+  server->isSilent = true;
+  ASSERT_TRUE(IsAskedAgain(12)) << "several transactions are given up";
+  EXPECT_TRUE(Learns({5060, 5061}));
+  server->offset = 7;
+  server->isSilent = false;
+  manager->Stop(true);
+  Sh("ip addr del 10.77.0.2/24 dev up0 && ip addr add 10.77.0.9/24 dev up0 && ip route add default via 10.77.0.1");
+  Start();
+  EXPECT_TRUE(Learns({5060, 5061}, 7));
+  EXPECT_TRUE(Eventually([&] { return Reports() == std::vector{(Changes{{5060, 1}, {5061, 1}})}; }));
+}
+
+TEST_F(StunManagerTest, NameWithoutAddressDelaysNothing) {
+  const auto begin = std::chrono::steady_clock::now();
+  Start({{"stun.invalid", "3478"}});
+  manager->Stop(true);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms) << "though the look-up is not over";
+}
+
+}  // namespace

@@ -1,0 +1,122 @@
+"""The bed with the whole way to a STUN server: dev -- rtr (nftables NAT) -- inet, where coturn and an observer sit."""
+
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import socket
+import threading
+
+import bed
+
+CLONE_NEWNET = 0x40000000
+libc = ctypes.CDLL(None, use_errno=True)
+
+SERVER = "203.0.113.1"
+OBSERVER = "203.0.113.3"
+PUBLIC = "203.0.113.2"
+
+# The port map stands before the masquerade: a SIP port and an RTP port with public sides known beforehand.
+PORT_MAP = "snat to 203.0.113.2 : udp sport map { 5060 : 45060, 10000 : 40000 }"
+
+CONFIG = """
+[media]
+rtp_port_start = 10000
+rtp_port_end   = {rtp_end}
+rtcp_enabled   = {rtcp}
+[nat]
+gw_interface     = "d0"
+sip_udp_port     = 5060
+sip_udp_use_stun = {sip}
+gw_use_stun      = {gw}
+[stun]
+server_host = "{server}"
+server_port = 3478
+setting1 = {period}
+setting2 = 100
+"""
+
+
+def config(sip=True, gw=False, rtcp=True, rtp_end=10199, server=SERVER, period=1):
+    words = {True: "true", False: "false"}
+    return CONFIG.format(sip=words[sip], gw=words[gw], rtcp=words[rtcp], rtp_end=rtp_end, server=server, period=period)
+
+
+def udp_socket(namespace, address):
+    """A UDP socket of this process inside another namespace."""
+    made = []
+
+    def make():
+        with open(f"/run/netns/{namespace.name}", encoding="ascii") as handle:
+            if libc.setns(handle.fileno(), CLONE_NEWNET) != 0:
+                return
+        made.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+
+    thread = threading.Thread(target=make)
+    thread.start()
+    thread.join()
+    made[0].settimeout(bed.DEADLINE)
+    made[0].bind(address)
+    return made[0]
+
+
+class NatBedTest(bed.BedTest):
+    def setUp(self):
+        super().setUp()
+        self.inet = self.namespace("inet")
+        bed.connect(self.rtr, "r1", f"{PUBLIC}/24", self.inet, "i0", f"{SERVER}/24")
+        self.inet.ip("addr", "add", f"{OBSERVER}/24", "dev", "i0")
+        bed.run(*self.rtr.command("sysctl", "-qw", "net.ipv4.ip_forward=1"))
+        self.nat("masquerade", PORT_MAP)
+
+    def nat(self, masquerade, port_map=None):
+        """The router's NAT; known mappings are forgotten with the old rules."""
+        rules = f'oifname "r1" ip protocol udp {port_map}; ' if port_map else ""
+        self.nft("add table ip nat; delete table ip nat; add table ip nat; "
+                 "add chain ip nat post { type nat hook postrouting priority srcnat; }; " +
+                 (f"add rule ip nat post {rules}" if rules else "") +
+                 f'add rule ip nat post oifname "r1" {masquerade};')
+
+    def nft(self, text):
+        bed.run(*self.rtr.command("nft", text))
+
+    def forget_mappings(self):
+        """The router's uplink goes down and comes back, which flushes what masquerade remembers."""
+        self.rtr.ip("link", "set", "r1", "down")
+        self.rtr.ip("link", "set", "r1", "up")
+
+    def coturn(self, *addresses):
+        listen = [word for address in addresses or (SERVER,) for word in ("-L", address)]
+        server = self.started(bed.Program(self.inet.command(
+            "turnserver", "-n", "-S", "-z", "--no-tls", "--no-dtls", "--no-tcp", "--no-cli", "-m", "0", *listen,
+            "-p", "3478", "--pidfile", os.path.join(self.directory, "turn.pid"), "--userdb",
+            os.path.join(self.directory, "turn.db"), "-l", "stdout"), stdout=bed.subprocess.DEVNULL))
+        bed.wait_until(lambda: all(f"{address}:3478" in bed.run(*self.inet.command("ss", "-Huln")).stdout
+                                   for address in addresses or (SERVER,)), "coturn's sockets")
+        return server
+
+    def hosts(self, text):
+        """What dev's programs see as /etc/hosts."""
+        directory = pathlib.Path("/etc/netns") / self.dev.name
+        directory.mkdir(parents=True)
+        self.addCleanup(shutil.rmtree, directory)
+        (directory / "hosts").write_text(text)
+
+    def ask_servers(self, *words):
+        """`natctl stun` on dev: its exit code and what it prints."""
+        natctl = bed.run(*self.dev.command(bed.NATCTL, "--json", "--timeout", "2", "stun", *words), check=False)
+        return natctl.returncode, [json.loads(line) for line in natctl.stdout.splitlines()]
+
+    def answered(self, natctl, request, flag=1, deadline=bed.DEADLINE):
+        """Repeats a request until its (first) outcome is the flag; the answer's public endpoint."""
+
+        def ask():
+            answer = natctl.ask(request)
+            while "answer" not in answer:  # a notice came first
+                answer = natctl.next()
+            item = answer["items"][0] if "items" in answer else answer
+            return (item.get("mapped_ip", item["ip"]), item.get("mapped_port", item["port"])) \
+                if item["flag"] == flag else None
+
+        return bed.wait_until(ask, f"{request!r} answered with flag {flag}", deadline)

@@ -1,0 +1,136 @@
+#include "platform/messaging/cfg_update_messenger.h"
+#include "platform/messaging/cgi_messenger.h"
+#include "platform/messaging/cyclic_queue_poller.h"
+#include "platform/messaging/nat_messenger.h"
+#include "platform/sockets/inet.h"
+#include "tests/unit/fake_platform/fake.h"
+
+using fake::Message;
+
+class PartyQueue {
+ public:
+  u32 number;
+};
+
+struct CyclicQueuePoller::Impl {};
+
+CyclicQueuePoller::CyclicQueuePoller(int value) {
+  fake::Record("poll new ", value);
+  fake::Device()->released = false;
+}
+
+CyclicQueuePoller::~CyclicQueuePoller() = default;
+
+bool CyclicQueuePoller::SelectQueue(int queue, const char*, bool, bool) {
+  fake::Record("poll select ", queue);
+  return true;
+}
+
+int CyclicQueuePoller::WaitForEvents() {
+  fake::Device device;
+  device->waiting = true;
+  device->changed.notify_all();
+  device->changed.wait(device.Lock(), [&] { return device->released || !device->events.empty(); });
+  device->waiting = false;
+  if (std::exchange(device->released, false)) {
+    return -1;
+  }
+  const int queue = device->events.front();
+  device->events.pop_front();
+  return queue;
+}
+
+bool CyclicQueuePoller::Release() {
+  fake::Device device;
+  device->released = true;
+  device->journal.push_back("poll release");
+  return true;
+}
+
+namespace {
+
+constexpr u32 kProtocols[] = {CA_PROTO_SIP, 2, CA_PROTO_CM, CA_PROTO_CC};  // of queues 112 to 115
+
+u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespItem>& items, u32 value) {
+  std::ostringstream text;
+  for (const NatRespItem& item : items) {
+    text << ' ' << sockets::inet_ntoa(item.ip) << ':' << item.port << '=' << sockets::inet_ntoa(item.mappedIp) << ':'
+         << item.mappedPort << '/' << item.flag;
+  }
+  fake::Record("send ", queue, ' ', kind, ' ', id, text.str(), " value ", value);
+  return 1;
+}
+
+}  // namespace
+
+NatMessenger::NatMessenger(u32 queue)
+    : m_proto(static_cast<CA_PROTO>(kProtocols[queue - 112])), m_queue(new PartyQueue{queue}) {}
+NatMessenger::~NatMessenger() = default;
+
+bool NatMessenger::IsPartyOnline() const { return fake::Device()->online.contains(m_queue->number); }
+
+bool NatMessenger::ProcessMessageFromQueue(int count) {
+  Message message;
+  {
+    fake::Device device;
+    auto& waiting = device->messages[m_queue->number];
+    if (waiting.empty() || count != 1) {
+      return false;
+    }
+    message = std::move(waiting.front());
+    waiting.pop_front();
+  }
+  const auto& [kind, id, destination, items, value, portType] = message;
+  switch (kind) {
+    case Message::CONNECT:
+      fake::Device()->online.insert(m_queue->number);
+      OnPartyStateChanged(true);
+      break;
+    case Message::HANG_UP:
+      fake::Device()->online.erase(m_queue->number);
+      OnPartyStateChanged(false);
+      break;
+    case Message::CS:
+      OnRequestCSNatMapping(id, destination, items.front(), portType, value);
+      break;
+    case Message::CS_LIST:
+      OnRequestCSNatMapping(id, destination, items, value);
+      break;
+    case Message::RTP:
+      OnRequestRTPNatMapping(id, destination, items, value);
+      break;
+    case Message::REVERSE:
+      OnRequestReverceRTPNatMapping(id, items, value);
+      break;
+    case Message::CLOSE:
+      OnCloseRTPNatMapping(id);
+      break;
+  }
+  return true;
+}
+
+u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {
+  fake::Record("send ", m_queue->number, " cs ", id, ' ', sockets::inet_ntoa(item.ip), ':', item.port, '/', flag,
+               " value ", value);
+  return 1;
+}
+u32 NatMessenger::ResponseCSNatMapping(const u64& id, const std::list<NatRespItem>& items, const u32& value) {
+  return RecordAnswer(m_queue->number, "cs-list", id, items, value);
+}
+u32 NatMessenger::ResponseRTPNatMapping(const u64& id, const std::list<NatRespItem>& items, const u32& value) {
+  return RecordAnswer(m_queue->number, "rtp", id, items, value);
+}
+u32 NatMessenger::ResponseReverceRTPNatMapping(const u64& id, const std::list<NatRespItem>& items, u32 value) {
+  return RecordAnswer(m_queue->number, "reverse", id, items, value);
+}
+
+// Configuration updates from outside are the system tests'.
+CGIMessenger::CGIMessenger(int) {}
+CGIMessenger::~CGIMessenger() = default;
+bool CGIMessenger::ProcessMessageFromQueue(int) { return false; }
+int CGIMessenger::Update(UpdateType, const std::list<std::string>&, unsigned) { return 0; }
+void CGIMessenger::OnCgiPartyStateChanged(bool) {}
+
+void CfgUpdateMessenger::SendMessageA(UpdateType type, const std::list<std::string>& texts, bool flag) {
+  fake::Record("notice ", type, ' ', texts.size(), ' ', flag);
+}
