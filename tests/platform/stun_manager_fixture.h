@@ -154,9 +154,10 @@ class StunManagerTest : public NamespaceTest {
     return Eventually([this, all = server->Asked().size() + count] { return server->Asked().size() >= all; });
   }
 
-  std::vector<Changes> Reports() {
+  // The changes of all reports. How many reports they come in depends on what was under way when they began.
+  Changes Reported() {
     const std::lock_guard lock(m_mutex);
-    return m_reports;
+    return m_reported;
   }
 
   std::optional<StunResponder> server;
@@ -166,10 +167,11 @@ class StunManagerTest : public NamespaceTest {
  private:
   static void Report(void* test, Changes& changes) {
     const std::lock_guard lock(static_cast<StunManagerTest*>(test)->m_mutex);
-    static_cast<StunManagerTest*>(test)->m_reports.push_back(changes);
+    auto& reported = static_cast<StunManagerTest*>(test)->m_reported;
+    reported.insert(reported.end(), changes.begin(), changes.end());
   }
 
   int m_home = -1;
   std::mutex m_mutex;
-  std::vector<Changes> m_reports;  // one list for each call
+  Changes m_reported;
 };

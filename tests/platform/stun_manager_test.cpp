@@ -10,6 +10,9 @@
 
 namespace {
 
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
 TEST_F(StunManagerTest, LearnsEachPortOfTheRangesAndNoOther) {
   const std::vector<u16> ports{2, 5060, 10000, 10002, 10008, 65534, 65535};
   server->offset = -1;
@@ -51,13 +54,13 @@ TEST_F(StunManagerTest, ChangeIsReportedOnceConfirmedForEachRegistration) {
   ASSERT_TRUE(Eventually([&] { return server->oddOffset == 0; }));
   ASSERT_TRUE(IsAskedAgain(6));
   EXPECT_TRUE(Learns({5060, 10000, 10001}));
-  EXPECT_TRUE(Reports().empty()) << "neither the first learning nor a single odd answer is a change";
+  EXPECT_TRUE(Reported().empty()) << "neither the first learning nor a single odd answer is a change";
 
   server->offset = 2000;
-  ASSERT_TRUE(Eventually([&] { return !Reports().empty(); }));
-  ASSERT_TRUE(IsAskedAgain(6));
-  EXPECT_EQ(Reports(), std::vector{(Changes{{5060, 1}, {10000, 3}, {10001, 3}, {10001, 0}})});
   EXPECT_TRUE(Learns({5060, 10000, 10001}, 2000));
+  ASSERT_TRUE(Eventually([&] { return Reported().size() >= 4; }));
+  ASSERT_TRUE(IsAskedAgain(6));
+  EXPECT_THAT(Reported(), UnorderedElementsAre(Pair(5060, 1), Pair(10000, 3), Pair(10001, 3), Pair(10001, 0)));
 }
 
 TEST_F(StunManagerTest, WithoutTheCapabilityFreePortsAreLearntAndOwnedOnesToldOnce) {
@@ -217,7 +220,8 @@ TEST_F(StunManagerTest, WithoutAnUplinkTheOldOneGoesOnAndTheNextIsComparedWithIt
   Sh("ip addr del 10.77.0.2/24 dev up0 && ip addr add 10.77.0.9/24 dev up0 && ip route add default via 10.77.0.1");
   Start();
   EXPECT_TRUE(Learns({5060, 5061}, 7));
-  EXPECT_TRUE(Eventually([&] { return Reports() == std::vector{(Changes{{5060, 1}, {5061, 1}})}; }));
+  EXPECT_TRUE(Eventually([&] { return Reported().size() >= 2; }));
+  EXPECT_THAT(Reported(), UnorderedElementsAre(Pair(5060, 1), Pair(5061, 1)));
 }
 
 TEST_F(StunManagerTest, NameWithoutAddressDelaysNothing) {
