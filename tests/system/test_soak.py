@@ -91,7 +91,7 @@ class Soak(nat_bed.NatBedTest, silent_dns.SilentDnsTest):
             natctl.connect(party)
             callers[party] = Caller(natctl, one)
         self.answered(callers["sip"].natctl, f"cs sip {OBSERVER} 10.77.0.2:5060")
-        self.answered(callers["cm"].natctl, f"rtp cm {OBSERVER} 10.77.0.2:10000 id=1")
+        self.answered(callers["cm"].natctl, f"rtp cm {OBSERVER} 10.77.0.2:10100 id=1")  # a port of cm's own
         callers["cm"].natctl.send("close cm id=1")
         resident = daemon.resident_kb()
         for caller in callers.values():
