@@ -49,8 +49,8 @@ bool NatAgent::Start() {
   }
   m_running = true;
   CreateParts();
-  if (m_namesResolved) {
-    m_messenger->Wake();  // results that came behind the last turn of the run before
+  if (m_namesResolved || m_routeChanged) {
+    m_messenger->Wake();  // what came behind the last turn of the run before
   }
   StartWorkers();
   m_log->Trace("Starting Nat Agent Messenger\r\n", kLogOrdinary);

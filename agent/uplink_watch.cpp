@@ -13,7 +13,7 @@ unsigned long IpUpDownInformer(void* agent) {
   for (;;) {
     self.m_routeHelper.NotifyRouteChange();
     if (!run->Running()) {
-      return 0;  // the run's end, not a change
+      return 0;  // the run's end, not a change; one that came with it is the next wait's
     }
     self.m_routeChanged = true;
     run->Wake();

@@ -2,6 +2,7 @@
 // one name at a time and in order, and the main loop issues it again with the address. Nothing is cached.
 
 #include "agent/nat_agent.h"
+#include "platform/messaging/nat_messenger.h"
 #include "platform/sockets/host_lookup.h"
 
 bool NatAgent::SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
@@ -9,7 +10,7 @@ bool NatAgent::SetQueryforResolve(const u64& queryId, const std::string& hostNam
   const bool rtp = proto == CA_PROTO_CM || proto == CA_PROTO_CC;
   Log().TraceFormat("Got %s Request\r\nDest host name - %s\r\nSetQueryforResolve\r\nqueryId = %llu\r\n",
                     rtp ? "RTP" : "CS", hostName.c_str(), static_cast<unsigned long long>(queryId));
-  m_pendingQueries.push_back({queryId, hostName, items, portType, proto, csProto});
+  m_pendingQueries.push_back({queryId, hostName, items, portType, proto, csProto, NatMessenger::KeepRequest()});
   ResolveHostName(hostName);
   return true;
 }
@@ -76,6 +77,7 @@ bool NatAgent::CheckIsResolvedHostName() {
         ++query;
         continue;
       }
+      NatMessenger::ResumeRequest(query->ticket);
       if (query->proto == CA_PROTO_CM || query->proto == CA_PROTO_CC) {
         Log().TraceNumber("CA_Proto ", query->proto);
         OnRequestRTPNatMapping(query->queryId, resolved.address, query->items, query->proto, query->csProto);
@@ -84,6 +86,7 @@ bool NatAgent::CheckIsResolvedHostName() {
         const NatItem item = query->items.empty() ? NatItem{} : query->items.front();
         OnRequestCSNatMapping(query->queryId, resolved.address, item, query->proto, query->portType);
       }
+      NatMessenger::FinishRequest(query->ticket);
       query = m_pendingQueries.erase(query);
     }
   }

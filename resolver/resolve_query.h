@@ -19,4 +19,5 @@ struct ResolveQuery {
   NatPortType portType = NATPORT_UDP;
   CA_PROTO proto{};    // the asking channel's
   CA_PROTO csProto{};  // the further number that the request carried; of an RTP request the call server's protocol
+  u64 ticket = 0;      // by which the messenger keeps the request
 };

@@ -36,6 +36,7 @@ bool NatAgent::CloseRTPNatMapping(const u64& queryId) {
   const auto waiting = std::find_if(m_pendingQueries.begin(), m_pendingQueries.end(),
                                     [&](const ResolveQuery& query) { return query.queryId == queryId; });
   if (waiting != m_pendingQueries.end()) {
+    NatMessenger::FinishRequest(waiting->ticket);
     m_pendingQueries.erase(waiting);
   }
   return true;

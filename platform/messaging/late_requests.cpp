@@ -13,43 +13,49 @@ std::shared_ptr<LateRequests> LateRequests::Shared() {
   return requests;
 }
 
-void LateRequests::Add(PartyQueue& queue, u64 id) {
-  m_requests.push_back({&queue, id, false});
+void LateRequests::Handle(PartyQueue* queue) {
+  m_handled = queue;
+  m_resumed.reset();
+}
+
+u64 LateRequests::Keep() {
+  // Of the process: a ticket may outlive the queues it was given by.
+  static constinit u64 s_lastTicket = 0;
+  if (m_handled == nullptr) return 0;
+  m_requests.emplace(++s_lastTicket, Request{m_handled, false});
+  HoldBack(*m_handled);
+  return s_lastTicket;
+}
+
+void LateRequests::Resume(u64 ticket) { m_resumed = ticket; }
+
+void LateRequests::Finish(u64 ticket) {
+  m_resumed.reset();
+  const auto found = m_requests.find(ticket);
+  if (found == m_requests.end()) return;
+  PartyQueue& queue = *found->second.queue;
+  m_requests.erase(found);
   HoldBack(queue);
 }
 
-bool LateRequests::Answer(PartyQueue& queue, u64 id) {
-  const auto found = std::find_if(m_requests.begin(), m_requests.end(),
-                                  [&](const Request& request) { return request.queue == &queue && request.id == id; });
-  if (found == m_requests.end()) return true;
-  const bool orphaned = found->orphaned;
-  Erase(found);
-  return !orphaned;
-}
-
-void LateRequests::Drop(u64 id) {
-  const auto found =
-      std::find_if(m_requests.begin(), m_requests.end(), [id](const Request& request) { return request.id == id; });
-  if (found != m_requests.end()) Erase(found);
+bool LateRequests::IsForParty(const PartyQueue& queue) const {
+  if (!m_resumed) return true;
+  const auto found = m_requests.find(*m_resumed);
+  return found != m_requests.end() && found->second.queue == &queue && !found->second.orphaned;
 }
 
 void LateRequests::Orphan(const PartyQueue& queue) {
-  for (Request& request : m_requests) request.orphaned |= request.queue == &queue;
+  for (auto& [ticket, request] : m_requests) request.orphaned |= request.queue == &queue;
 }
 
 void LateRequests::Forget(const PartyQueue& queue) {
-  std::erase_if(m_requests, [&](const Request& request) { return request.queue == &queue; });
-}
-
-void LateRequests::Erase(const std::deque<Request>::const_iterator& request) {
-  PartyQueue& queue = *request->queue;
-  m_requests.erase(request);
-  HoldBack(queue);
+  std::erase_if(m_requests, [&](const auto& request) { return request.second.queue == &queue; });
+  if (m_handled == &queue) m_handled = nullptr;
 }
 
 void LateRequests::HoldBack(PartyQueue& queue) const {
   const auto waiting = std::count_if(m_requests.begin(), m_requests.end(),
-                                     [&](const Request& request) { return request.queue == &queue; });
+                                     [&](const auto& request) { return request.second.queue == &queue; });
   queue.HoldBack(waiting >= kMaxWaiting);
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <deque>
+#include <map>
 #include <memory>
+#include <optional>
 
 #include "platform/types.h"
 
@@ -9,10 +10,9 @@ class PartyQueue;
 
 namespace messaging {
 
-// The requests whose handlers returned without an answer, because it comes in a later turn; of all queues of the
-// process, oldest first. An answer that comes later has only its request's id to tell whose it is: this list tells
-// which party asked. It also holds a queue's party back while too many of its requests wait. Only the thread that
-// processes the queues.
+// The requests that are answered in a later turn than the one they came in, of all queues of the process. Whose an
+// answer is cannot be told from its request's id, as parties choose their ids and come and go: a ticket tells it. Only
+// the thread that processes the queues.
 class LateRequests {
  public:
   // How many requests of a queue wait before the next is taken: far more than a device has calls being set up, and few
@@ -22,32 +22,37 @@ class LateRequests {
   // The list of this process's queues.
   static std::shared_ptr<LateRequests> Shared();
 
-  void Add(PartyQueue& queue, u64 id);
+  // A request of the queue's party is being handled from now on, until null is given.
+  void Handle(PartyQueue* queue);
 
-  // The oldest request with that id gets its answer. False when the party that asked is gone; a request that is not in
-  // the list counts as the present party's.
-  bool Answer(PartyQueue& queue, u64 id);
+  // The request that is being handled waits. Its ticket, which was never given before; 0 when none is being handled.
+  u64 Keep();
 
-  // The oldest request with that id, of whichever queue, is not answered any more.
-  void Drop(u64 id);
+  // What is answered from now on answers that request, until it is finished.
+  void Resume(u64 ticket);
+  // It waits no more, answered or not.
+  void Finish(u64 ticket);
 
-  // The party of the queue is gone; answers to what it asked for still come.
+  // Whether an answer that is sent now is for the queue's present party: not so when who asked is gone.
+  bool IsForParty(const PartyQueue& queue) const;
+
+  // The party of the queue is gone.
   void Orphan(const PartyQueue& queue);
-
   // The queue itself is gone, with all that waits.
   void Forget(const PartyQueue& queue);
 
  private:
   struct Request {
     PartyQueue* queue;
-    u64 id;
     bool orphaned;
   };
 
-  void Erase(const std::deque<Request>::const_iterator& request);
+  // No further request is taken while too many wait.
   void HoldBack(PartyQueue& queue) const;
 
-  std::deque<Request> m_requests;
+  std::map<u64, Request> m_requests;  // by their tickets
+  PartyQueue* m_handled = nullptr;
+  std::optional<u64> m_resumed;
 };
 
 }  // namespace messaging

@@ -2,14 +2,14 @@
 
 #include <cassert>
 
+#include "platform/messaging/late_requests.h"
 #include "platform/messaging/party_queue.h"
 
 using messaging::Frame;
 using messaging::FrameKind;
+using messaging::LateRequests;
 
 namespace {
-
-constexpr auto kNoProtocol = static_cast<CA_PROTO>(2);  // its requests are not answered
 
 CA_PROTO ProtocolOf(u32 queue) {
   switch (queue) {
@@ -20,7 +20,7 @@ CA_PROTO ProtocolOf(u32 queue) {
     case 115:
       return CA_PROTO_CC;
     default:
-      return kNoProtocol;
+      return static_cast<CA_PROTO>(2);
   }
 }
 
@@ -42,7 +42,7 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   if (turn != PartyQueue::Turn::MESSAGE) return turn != PartyQueue::Turn::IDLE;
 
   const Frame& request = m_queue->Message();
-  if (m_proto != kNoProtocol && request.kind != FrameKind::CLOSE_REQUEST) m_queue->BeginRequest();
+  m_queue->BeginRequest();
   switch (request.kind) {
     case FrameKind::CS_REQUEST:
       OnRequestCSNatMapping(request.queryId, request.text, request.items.front(),
@@ -59,7 +59,6 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
       break;
     case FrameKind::CLOSE_REQUEST:
       OnCloseRTPNatMapping(request.queryId);
-      m_queue->DropRequest(request.queryId);
       break;
     default:
       assert(false && "the decoder lets only requests through");
@@ -67,6 +66,12 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   m_queue->EndRequest();
   return true;
 }
+
+u64 NatMessenger::KeepRequest() { return LateRequests::Shared()->Keep(); }
+
+void NatMessenger::ResumeRequest(u64 ticket) { LateRequests::Shared()->Resume(ticket); }
+
+void NatMessenger::FinishRequest(u64 ticket) { LateRequests::Shared()->Finish(ticket); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const NatItem& item, const NatFlag& flag, const u32& value) {
   Frame& answer = m_queue->Answer(FrameKind::CS_ANSWER, queryId, value);

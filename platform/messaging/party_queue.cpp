@@ -113,10 +113,6 @@ bool PartyQueue::TakeOwnNotice() {
   return m_noticeWasLast;
 }
 
-void PartyQueue::EndRequest() {
-  if (std::exchange(m_answerDue, false)) m_late->Add(*this, m_message.queryId);
-}
-
 void PartyQueue::HoldBack(bool held) {
   if (std::exchange(m_heldBack, held) != held && m_peer && m_waiting.empty()) WatchPeer();
 }

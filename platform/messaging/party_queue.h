@@ -54,13 +54,9 @@ class PartyQueue {
   // journal error).
   bool SendAnswer();
 
-  // Around the handling of a request that must be answered. When no answer was sent in between, it comes later: to the
-  // present party only, whoever is connected by then.
-  void BeginRequest() { m_answerDue = true; }
-  void EndRequest();
-
-  // The oldest request with that id that is still to be answered, on whichever queue, will not be.
-  void DropRequest(u64 id) { m_late->Drop(id); }
+  // Around the handling of a request.
+  void BeginRequest() { m_late->Handle(this); }
+  void EndRequest() { m_late->Handle(nullptr); }
 
   // Whether requests of the party are left untaken: it stays the party meanwhile, even when it has hung up.
   void HoldBack(bool held);
@@ -114,7 +110,6 @@ class PartyQueue {
   bool m_noticeWasLast = false;  // own notices and the party take turns
 
   const std::shared_ptr<messaging::LateRequests> m_late = messaging::LateRequests::Shared();
-  bool m_answerDue = false;  // a request is being handled and has not been answered
   bool m_heldBack = false;
 
   UniqueFd m_peer;

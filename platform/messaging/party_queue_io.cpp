@@ -62,8 +62,7 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
 }
 
 bool PartyQueue::SendAnswer() {
-  const bool inTime = std::exchange(m_answerDue, false);
-  return (inTime || m_late->Answer(*this, m_answer.queryId)) && SendFrame();
+  return m_late->IsForParty(*this) && SendFrame();
 }
 
 bool PartyQueue::SendFrame() {

@@ -30,11 +30,14 @@ RouteWatch::RouteWatch() : m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 }
 
 bool RouteWatch::Wait() {
+  if (std::exchange(m_isChangeDue, false)) {
+    return true;
+  }
   for (;;) {
     switch (m_changes.Read()) {
       case ChangeFeed::State::CHANGED:
         m_toldBlind = false;
-        Settle();
+        m_isChangeDue = !Settle();
         return true;
       case ChangeFeed::State::BLIND:
         if (!std::exchange(m_toldBlind, true)) {
@@ -60,15 +63,13 @@ void RouteWatch::Stop() {
   }
 }
 
-void RouteWatch::Settle() {
+bool RouteWatch::Settle() {
   const Clock::time_point latest = Clock::now() + kLongestBurst;
   for (;;) {
     const auto left = std::chrono::duration_cast<milliseconds>(latest - Clock::now());
-    if (left <= milliseconds(0) || WaitFor(true, std::min(left, kSilence)) != Event::CHANGES) {
-      return;
-    }
-    if (m_changes.Read() == ChangeFeed::State::BLIND) {
-      return;
+    const Event event = left > milliseconds(0) ? WaitFor(true, std::min(left, kSilence)) : Event::NOTHING;
+    if (event != Event::CHANGES || m_changes.Read() == ChangeFeed::State::BLIND) {
+      return event != Event::STOPPED;
     }
   }
 }

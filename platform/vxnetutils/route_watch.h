@@ -14,7 +14,8 @@ class RouteWatch {
   RouteWatch& operator=(const RouteWatch&) = delete;
 
   // Returns true after a change and the silence that follows it, or on Stop. False when changes cannot be watched,
-  // after a pause. A change while nobody waits, or while changes could not be watched, is reported by the next Wait.
+  // after a pause. A change while nobody waits, while changes could not be watched, or together with a Stop, is
+  // reported by the next Wait.
   bool Wait();
 
   // Makes the present, or else the next, Wait return. Several before one return are one.
@@ -23,13 +24,15 @@ class RouteWatch {
  private:
   enum class Event { CHANGES, STOPPED, NOTHING };
 
-  void Settle();
+  // False when Stop ended it.
+  bool Settle();
   // Waits for the feed, when `feed` asks for it, or Stop, which is then spent; a negative time waits without end.
   Event WaitFor(bool feed, std::chrono::milliseconds time);
   bool TakeStop();
 
   ChangeFeed m_changes;
   bool m_toldBlind = false;
+  bool m_isChangeDue = false;
 
   // The flag is the stop; the descriptor only wakes the wait. Without one the flag is looked at in steps.
   std::atomic<bool> m_stop{false};

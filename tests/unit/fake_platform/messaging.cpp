@@ -109,6 +109,11 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
   return true;
 }
 
+// Whose an answer is, is the Linux layer's business.
+u64 NatMessenger::KeepRequest() { return 1; }
+void NatMessenger::ResumeRequest(u64) {}
+void NatMessenger::FinishRequest(u64) {}
+
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {
   fake::Record("send ", m_queue->number, " cs ", id, ' ', sockets::inet_ntoa(item.ip), ':', item.port, '/', flag,
                " value ", value);
