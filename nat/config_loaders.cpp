@@ -102,7 +102,7 @@ bool LoadGwInterface(GwLoadMode mode, u32 address) NAT_REQUIRES(g_settingsLock) 
 }  // namespace
 
 bool LoadGwSettings(GwLoadMode mode) {
-  if (!HaveConfig()) {
+  if (!HaveConfig() || CurrentMediaConfig() == nullptr) {
     return false;
   }
   const std::string wanted = ReadConfig(&NatConfig::gwInterface);

@@ -10,7 +10,7 @@ const HostConfig* CurrentConfig() { return g_configSource != nullptr ? g_configS
 
 bool HaveConfig() {
   const HostConfig* config = CurrentConfig();
-  return config != nullptr && config->mediaConfig != nullptr && config->natConfig != nullptr;
+  return config != nullptr && config->natConfig != nullptr;
 }
 
 const MediaConfig* CurrentMediaConfig() {

@@ -6,7 +6,7 @@
 // The host's configuration, asked for anew by every read: nothing of it is kept between two. The settings lock keeps
 // two loads apart, which the host may rely on.
 
-// Whether a complete record is available.
+// Whether a record with the NAT settings is available.
 bool HaveConfig() NAT_REQUIRES(g_settingsLock);
 
 // The current record's blocks, or null.

@@ -6,6 +6,20 @@
 #include "stun/stun_manager_wrapper.h"
 #include "stun/stun_settings_accessor.h"
 
+namespace {
+
+// The fields as they are now; let go of also when something throws.
+struct AccessorUse {
+  AccessorUse() NAT_REQUIRES(g_settingsLock) : accessor(*StunSettingsAccessor::GetInstance(true)) {}
+  ~AccessorUse() NAT_REQUIRES(g_settingsLock) { StunSettingsAccessor::ReleaseInstance(); }
+  AccessorUse(const AccessorUse&) = delete;
+  AccessorUse& operator=(const AccessorUse&) = delete;
+
+  const StunSettingsAccessor& accessor;
+};
+
+}  // namespace
+
 bool StunManagerWrapper::UpdateServerSettings() {
   NatLogOut& log = _NatAgent.Log();
   if (!m_stunRunning) {
@@ -13,18 +27,13 @@ bool StunManagerWrapper::UpdateServerSettings() {
     return true;
   }
   log.TraceFormat("Reading Stun Cfg\r\n");
-  const StunSettingsAccessor* accessor = StunSettingsAccessor::GetInstance(true);
-  const u32 setting1 = accessor->m_setting1;
-  const u32 setting2 = accessor->m_setting2;
-  const u32 setting3 = accessor->m_setting3;
-  const std::list<StunServInfo> servers = accessor->m_servers;
-  if (servers.empty()) {
+  const AccessorUse use;
+  const StunSettingsAccessor& accessor = use.accessor;
+  if (accessor.m_servers.empty()) {
     log.Trace("\r\nError:Stun server list empty!\r\n", kLogOrdinary);
-    StunSettingsAccessor::ReleaseInstance();
     return false;
   }
-  m_manager->UpdateSettings(servers, setting1, setting3, setting2);
-  StunSettingsAccessor::ReleaseInstance();
+  m_manager->UpdateSettings(accessor.m_servers, accessor.m_setting1, accessor.m_setting3, accessor.m_setting2);
   return true;
 }
 

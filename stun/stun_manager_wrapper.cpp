@@ -38,13 +38,25 @@ bool StunManagerWrapper::Start() {
 }
 
 bool StunManagerWrapper::StartFirst() {
+  try {
+    if (StartManager()) {
+      return true;
+    }
+  } catch (...) {  // of the host's record, or for want of memory: the next use begins anew all the same
+    DropManager();
+    throw;
+  }
+  DropManager();
+  return false;
+}
+
+bool StunManagerWrapper::StartManager() {
   NatLogOut& log = _NatAgent.Log();
   StunLogger::Create();
   m_manager = std::make_unique<StunManager>(true, true);
   m_stunRunning = true;
   if (!UpdateServerSettings()) {
     log.Trace("Error reading stun cfg:Can't Start Stun agent\r\n", kLogOrdinary);
-    DropManager();
     return false;
   }
   if (_NatAgent.GetUpLinkIp() == 0) {
@@ -54,7 +66,6 @@ bool StunManagerWrapper::StartFirst() {
   m_manager->RemoveAllPorts();
   if (!m_manager->Start(true, true)) {
     log.Trace(kStartFailed, kLogOrdinary);
-    DropManager();
     return false;
   }
   m_manager->SetChangedPortsCallback(OnChangedPorts, m_manager.get());

@@ -54,6 +54,7 @@ class StunManagerWrapper {
 
  private:
   bool StartFirst() NAT_REQUIRES(g_settingsLock);
+  bool StartManager() NAT_REQUIRES(g_settingsLock);
   void DropManager() NAT_REQUIRES(g_settingsLock);
 
   std::unique_ptr<StunManager> m_manager NAT_GUARDED_BY(g_settingsLock);

@@ -9,10 +9,10 @@ StunSettingsAccessor* StunSettingsAccessor::GetInstance(bool reload) {
   if (s_instance == nullptr) {
     s_instance = new StunSettingsAccessor;
   }
-  ++s_useCount;
   if (reload) {
     s_instance->Load(2);
   }
+  ++s_useCount;
   return s_instance;
 }
 
