@@ -101,7 +101,10 @@ std::string ClaimRuntimeDir(const std::string& runtimeDir) {
   if (::ftruncate(file.Get(), 0) != 0) return Reason("cannot clear " + path, errno);
   for (const int queue : kQueues) {
     const std::string socket = messaging::QueuePath(runtimeDir, queue);
-    if (::unlink(socket.c_str()) != 0 && errno != ENOENT) return Reason("cannot remove the old " + socket, errno);
+    struct stat found {};
+    if (::lstat(socket.c_str(), &found) != 0 && errno == ENOENT) continue;
+    if (!S_ISSOCK(found.st_mode)) return socket + " is there and is no socket; it is left alone";
+    if (::unlink(socket.c_str()) != 0) return Reason("cannot remove the old " + socket, errno);
   }
   return {};
 }

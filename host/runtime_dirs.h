@@ -19,7 +19,7 @@ std::string PrepareDirs(const RuntimeDirs& dirs);
 void ExportDirs(const RuntimeDirs& dirs);
 
 // Refuses a runtime directory that an agent serves already. Otherwise removes the sockets that one which crashed has
-// left behind, so that sockets seen later are those of the agent started now.
+// left behind, so that sockets seen later are those of the agent started now; anything else in their place is refused.
 std::string ClaimRuntimeDir(const std::string& runtimeDir);
 
 // Whether an agent in this process serves the runtime directory: it holds the lock and all its queues are open.

@@ -6,6 +6,13 @@
 #include <string_view>
 #include <utility>
 
+namespace {
+
+// Far longer than the longest command, and short enough to be held.
+constexpr std::size_t kLongestLine = 1 << 20;
+
+}  // namespace
+
 std::optional<std::string> LineReader::TakeLine() {
   const std::size_t end = m_text.find('\n', m_taken);
   if (end == std::string::npos) return std::nullopt;
@@ -29,6 +36,12 @@ std::optional<std::string> LineReader::Read(const std::function<void()>& waitRea
     if (m_ended) {
       if (m_text.empty()) return std::nullopt;
       return std::exchange(m_text, {});
+    }
+    if (m_text.size() > kLongestLine) {
+      m_error = EMSGSIZE;
+      m_ended = true;
+      m_text.clear();
+      return std::nullopt;
     }
     waitReadable();
     char block[65536];

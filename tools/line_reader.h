@@ -11,7 +11,7 @@ class LineReader {
   explicit LineReader(int fd) : m_fd(fd) {}
 
   // The next line without its end, or nothing at the end of the input. `waitReadable` is called whenever there is no
-  // whole line yet. A read that fails ends the input and leaves its errno in Error().
+  // whole line yet. A read that fails ends the input and leaves its errno in Error(), EMSGSIZE for a line beyond 1 MiB.
   std::optional<std::string> Next(const std::function<void()>& waitReadable);
 
   int Error() const { return m_error; }

@@ -133,9 +133,13 @@ TEST(NatctlLines, LinesComeWholeHoweverTheyWereWritten) {
   EXPECT_EQ(reader.Next(writeNext), std::nullopt);
   EXPECT_EQ(reader.Error(), 0);
   ::close(ends[0]);
-  LineReader failing(-1);
-  EXPECT_EQ(failing.Next([] {}), std::nullopt);
-  EXPECT_EQ(failing.Error(), EBADF);
+  const int endless = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+  for (const auto& [fd, error] : {std::pair(-1, EBADF), std::pair(endless, EMSGSIZE)}) {
+    LineReader failing(fd);
+    EXPECT_EQ(failing.Next([] {}), std::nullopt);
+    EXPECT_EQ(failing.Error(), error);
+  }
+  ::close(endless);
 }
 
 }  // namespace
