@@ -1,4 +1,5 @@
-# `cmake --install`: the two libraries, the programs, the public headers, the CMake package and the pkg-config files.
+# `cmake --install`: the two libraries, the programs, the public headers, the CMake package, the pkg-config files, the
+# documents and the systemd unit.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS natclient EXPORT natagent_targets
@@ -16,7 +17,17 @@ target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
 
 install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES examples/natagentd.service DESTINATION lib/systemd/system)
+install(FILES docs/architecture.md docs/protocol.md docs/natagentd.8.md docs/natctl.1.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# The unit names paths, and the prefix may be chosen as late as at the installation.
+install(CODE "set(unit_source \"${PROJECT_SOURCE_DIR}/examples/natagentd.service\")")
+install(CODE [[
+  file(READ "${unit_source}" unit)
+  string(REPLACE "/usr/" "${CMAKE_INSTALL_PREFIX}/" unit "${unit}")
+  set(unit_path "${CMAKE_INSTALL_PREFIX}/lib/systemd/system/natagentd.service")
+  file(WRITE "$ENV{DESTDIR}${unit_path}" "${unit}")
+  message(STATUS "Installed: $ENV{DESTDIR}${unit_path}")
+]])
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/natagent)
 install(EXPORT natagent_targets NAMESPACE natagent:: DESTINATION ${package_dir})
