@@ -61,9 +61,7 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
   return m_answer;
 }
 
-bool PartyQueue::SendAnswer() {
-  return m_late->IsForParty(*this) && SendFrame();
-}
+bool PartyQueue::SendAnswer() { return m_late->IsForParty(*this) && SendFrame(); }
 
 bool PartyQueue::SendFrame() {
   if (!m_peer || !m_peerReads) return false;
