@@ -16,8 +16,6 @@ namespace {
 // A listing is begun anew when the table changed in its middle; the feed tells of the change in any case.
 constexpr int kListingTries = 3;
 
-constexpr unsigned kDeadHop = RTNH_F_DEAD | RTNH_F_LINKDOWN;
-
 bool IsDefaultOfMain(const rtmsg& header, const RouteAttributes& attributes) {
   const u32 table = attributes.Find(RTA_TABLE) != nullptr ? attributes.U32(RTA_TABLE) : header.rtm_table;
   return header.rtm_family == AF_INET && header.rtm_dst_len == 0 && header.rtm_tos == 0 && table == RT_TABLE_MAIN &&
@@ -28,7 +26,7 @@ bool IsDefaultOfMain(const rtmsg& header, const RouteAttributes& attributes) {
 
 KernelRoutes::Answer KernelRoutes::FindDefault(Route& route) {
   std::optional<std::vector<Candidate>> listed = ListDefaultRoutes();
-  if (!listed) {
+  if (!listed || !ReplaceObjects(*listed)) {
     return Answer::FAILED;
   }
   // Stable: routes of one metric stand in the order in which the kernel tries them.
@@ -80,6 +78,9 @@ int KernelRoutes::ReadDefaultRoute(const nlmsghdr* message, void* context) {
                       .address = attributes.U32(RTA_PREFSRC),
                       .dead = (header->rtm_flags & kDeadHop) != 0,
                       .unicast = header->rtm_type == RTN_UNICAST};
+  if (candidate.link == 0) {
+    candidate.object = attributes.U32(RTA_NH_ID);
+  }
   const nlattr* const hops = attributes.Find(RTA_MULTIPATH);
   if (hops == nullptr) {
     listed.push_back(candidate);
@@ -89,6 +90,7 @@ int KernelRoutes::ReadDefaultRoute(const nlmsghdr* message, void* context) {
   for (auto* hop = static_cast<const rtnexthop*>(mnl_attr_get_payload(hops)); RTNH_OK(hop, left);
        left -= static_cast<int>(RTNH_ALIGN(hop->rtnh_len)), hop = RTNH_NEXT(hop)) {
     const RouteAttributes own(RTNH_DATA(hop), hop->rtnh_len - RTNH_LENGTH(0));
+    candidate.object = 0;
     candidate.link = static_cast<u32>(hop->rtnh_ifindex);
     candidate.gateway = own.Gateway(kOtherGateway);
     candidate.dead = (hop->rtnh_flags & kDeadHop) != 0;

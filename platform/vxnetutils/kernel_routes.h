@@ -42,15 +42,24 @@ class KernelRoutes {
     u32 address = 0;  // 0: the kernel's choice
     bool dead = false;
     bool unicast = true;  // otherwise the route refuses what matches it
+    u32 object = 0;       // not 0: stands for the next hop, or group, of this id
+  };
+  struct Object {
+    Candidate hop;
+    std::vector<u32> members;  // of a group: the ids of its next hops
   };
 
   static int ReadRoute(const nlmsghdr* message, void* context);
   static int ReadDefaultRoute(const nlmsghdr* message, void* context);
+  static int ReadObject(const nlmsghdr* message, void* context);
   static int ReadLink(const nlmsghdr* message, void* context);
 
   Answer Get(u32 destination, u32 link, Route& route);
   // Empty optional: the kernel could not be asked.
   std::optional<std::vector<Candidate>> ListDefaultRoutes();
+  // False: the kernel could not be asked.
+  bool ReplaceObjects(std::vector<Candidate>& candidates);
+  bool AddObject(u32 id, const Candidate& route, std::vector<Candidate>& candidates);
   Answer Use(const Candidate& candidate, Route& route);
   Answer LinkUp(u32 link);
   int Ask(nlmsghdr* request, mnl_cb_t each, void* context);

@@ -8,6 +8,8 @@
 
 #include "platform/types.h"
 
+inline constexpr unsigned kDeadHop = RTNH_F_DEAD | RTNH_F_LINKDOWN;
+
 // The attributes of one route, or of one next hop in it, by their numbers. Points into the message.
 class RouteAttributes {
  public:
