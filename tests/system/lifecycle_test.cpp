@@ -200,6 +200,8 @@ TEST_F(Lifecycle, CyclesWithRequestsInFlight) {
 }
 
 TEST_F(Lifecycle, UnloadedWhileItRuns) {
+  std::size_t threads = 0;
+  std::size_t descriptors = 0;
   for (std::uint64_t i = 0; i < 20; ++i) {
     m_start(&m_source);
     natclient* sip = Connect(NATCLIENT_SIP);
@@ -209,7 +211,13 @@ TEST_F(Lifecycle, UnloadedWhileItRuns) {
     EXPECT_EQ(::dlopen(NATAGENT_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library stayed in memory";
     natclient_close(sip);
     Load();
+    if (i == 0) {
+      threads = EntriesOf("/proc/self/task");
+      descriptors = EntriesOf("/proc/self/fd");
+    }
   }
+  EXPECT_LE(ThreadsAtMost(threads), threads);
+  EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
 }
 
 // The two below need a network that test_host.py makes: a default route, and a name server that never answers.

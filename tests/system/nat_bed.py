@@ -79,7 +79,7 @@ class NatBedTest(bed.BedTest):
                  f'add rule ip nat post oifname "r1" {masquerade};')
 
     def nft(self, text):
-        bed.run(*self.rtr.command("nft", text))
+        return bed.run(*self.rtr.command("nft", text)).stdout
 
     def forget_mappings(self):
         """The router's uplink goes down and comes back, which flushes what masquerade remembers."""

@@ -7,13 +7,15 @@ import bed
 
 
 class SilentDnsTest(bed.BedTest):
+    RESOLVER = "timeout:5 attempts:2"
+
     def setUp(self):
         super().setUp()
         # What `ip netns exec` shows a program as its /etc/resolv.conf.
         directory = pathlib.Path("/etc/netns") / self.dev.name
         directory.mkdir(parents=True)
         self.addCleanup(shutil.rmtree, directory)
-        (directory / "resolv.conf").write_text("nameserver 10.77.0.1\noptions timeout:5 attempts:2\n")
+        (directory / "resolv.conf").write_text(f"nameserver 10.77.0.1\noptions {self.RESOLVER}\n")
         # The router drops the questions instead of refusing them.
         bed.run(*self.rtr.command("nft", "add table ip quiet; add chain ip quiet out { type filter hook output priority "
                                   "0; }; add rule ip quiet out icmp type destination-unreachable drop"))

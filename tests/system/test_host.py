@@ -1,8 +1,11 @@
-"""The library's life under a host where it takes a network: unloaded in the middle of look-ups, reloaded in a storm."""
+"""The library's life under a host where it takes a network: unloaded in the middle of look-ups, reloaded in a storm;
+and how the programs end."""
 
+import socket
 import subprocess
 
 import bed
+import configs
 import silent_dns
 
 
@@ -19,6 +22,48 @@ class Host(silent_dns.SilentDnsTest):
 
     def test_reload_storm(self):
         self.run_in_bed("ReloadStormNeverMixesTwoConfigurations")
+
+    def test_exit_codes(self):
+        first = self.daemon(configs.STATIC)
+        self.natctl(first).connect("sip")
+        wrong = first.directory / "wrong.toml"
+        wrong.write_text("[nat]\nsip_udp_port = 0\n")
+        lines = first.directory / "lines"
+        lines.write_text("connect cm\n# nobody\nconnect nobody\n")
+        patience = "2" if bed.SANITIZE else "1"  # also for the connection
+        natagentd = (bed.NATAGENTD, "--runtime-dir", first.runtime, "--log-dir", first.directory, "--config")
+        natctl = (bed.NATCTL, "--runtime-dir", first.runtime)
+        item = ("10.77.0.1", "10.77.0.2:5060")
+        for command, code, text in [
+            ((*natagentd, wrong), 2, f"{wrong}:2: nat.sip_udp_port: "),
+            ((*natagentd, first.config_path, "--check"), 0, f"{first.config_path}: ok\n"),
+            ((*natagentd, first.config_path, "--chekc"), 2, "--chekc"),
+            ((*natagentd, first.config_path), 1, f"{first.runtime} is in use by process {first.pid}\n"),
+            ((bed.NATCTL, "--runtime-dir", first.directory, "cs", "cm", *item), 3, "the agent cannot be reached"),
+            ((*natctl, "cs", "sip", *item), 3, "another party is connected to queue 112"),
+            ((*natctl, "--timeout", patience, "cs", "q113", *item), 1, "request 1 was not answered in time"),
+            ((*natctl, "run", lines), 2, "natctl: line 3: "),
+        ]:
+            with self.subTest(command=" ".join(map(str, command))):
+                result = bed.run(*self.dev.command(*command), check=False)
+                self.assertEqual(result.returncode, code, result.stdout + result.stderr)
+                self.assertIn(text, result.stderr if code else result.stdout)
+
+    def test_tells_the_service_manager(self):
+        path = f"{self.directory}/notify"
+        self.wrap = ("env", f"NOTIFY_SOCKET={path}")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.settimeout(bed.DEADLINE)
+            manager.bind(path)
+            daemon = self.daemon(configs.STATIC)
+            told = [manager.recv(4096).decode()]
+            daemon.reload(configs.STATIC.replace("172.20.0.0", "172.21.0.0"))
+            told += [manager.recv(4096).decode() for _ in range(2)]
+            self.assertEqual(daemon.stop(), 0)
+            told.append(manager.recv(4096).decode())
+        for text, expected in zip(told, ("READY=1", "RELOADING=1", "READY=1", "STOPPING=1"), strict=True):
+            self.assertIn(expected, text.split("\n"))
+        self.assertRegex(told[1], "MONOTONIC_USEC=[0-9]+")
 
 
 if __name__ == "__main__":

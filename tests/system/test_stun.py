@@ -1,13 +1,21 @@
 """What STUN learns, against a real server behind a real NAT."""
 
+import concurrent.futures
+import threading
 import time
 
 import bed
 import nat_bed
+import silent_dns
 from bed import DASHES
 from nat_bed import OBSERVER, PUBLIC, SERVER
 
 CS = f"cs sip {OBSERVER} 10.77.0.2:5060"
+
+
+def rtp_flags(natctl, first, count):
+    items = " ".join(f"10.77.0.2:{port}" for port in range(first, first + count))
+    return {item["flag"] for item in natctl.ask(f"rtp cc {OBSERVER} {items}")["items"]}
 
 
 class Stun(nat_bed.NatBedTest):
@@ -17,15 +25,40 @@ class Stun(nat_bed.NatBedTest):
         observer = nat_bed.udp_socket(self.inet, (OBSERVER, 7000))
         self.addCleanup(owner.close)
         self.addCleanup(observer.close)
-        daemon = self.daemon(nat_bed.config())
+        self.nft("add table ip hold; add chain ip hold f { type filter hook forward priority 0; }; "
+                 "add rule ip hold f udp dport 3478 drop")
+        daemon = self.daemon(nat_bed.config(gw=True, rtp_end=10999))
         natctl = self.natctl(daemon)
         natctl.connect("sip")
-        self.assertEqual(self.answered(natctl, CS), (PUBLIC, 45060))
-        owner.sendto(b"REGISTER", (OBSERVER, 7000))
-        self.assertEqual(observer.recvfrom(100), (b"REGISTER", (PUBLIC, 45060)))
-        self.assertIn("UdpMapMode -- oldMode 0 --newMode 2\r\n" + DASHES + "Reading Stun Cfg\r\n" + DASHES +
+        self.assertEqual(natctl.ask(CS)["flag"], 2)  # nothing is learnt yet
+        self.nft("delete table ip hold")
+        self.assertEqual(self.answered(natctl, CS, deadline=3), (PUBLIC, 45060))
+        daemon.logged("UdpMapMode -- oldMode 0 --newMode 2\r\n" + DASHES + "Reading Stun Cfg\r\n" + DASHES +
                       "Starting Stun agent\r\n" + DASHES +
-                      "Add Port(s) to Stun start = 5060 end = 5060 interval = 1\r\n", daemon.log())
+                      "Add Port(s) to Stun start = 5060 end = 5060 interval = 1\r\n")
+
+        learnt = threading.Event()
+
+        def exchange():
+            number = 0
+            while number == 0 or not learnt.is_set():
+                number += 1
+                owner.sendto(b"%d" % number, (OBSERVER, 7000))
+                self.assertEqual(observer.recvfrom(100), (b"%d" % number, (PUBLIC, 45060)))
+                observer.sendto(b"back %d" % number, (PUBLIC, 45060))
+                # The server's answers come to the port's owner as well.
+                bed.wait_until(lambda: owner.recvfrom(100) == (b"back %d" % number, (OBSERVER, 7000)), "it to be back")
+
+        # The owner's datagrams flow while 1000 ports are asked for, and none is lost.
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            exchanges = pool.submit(exchange)
+            try:
+                natctl.connect("cm", "cc")
+                for first in range(10000, 11000, 50):
+                    bed.wait_until(lambda: rtp_flags(natctl, first, 50) == {1}, "their mappings")
+            finally:
+                learnt.set()
+        exchanges.result()
         self.assertEqual(daemon.stop(), 0)
         self.assertIn("Nat Messenger stoped\r\nStun Agent stoped\r\n", daemon.log())
 
@@ -157,14 +190,35 @@ class Stun(nat_bed.NatBedTest):
         self.assertEqual(sum("5060" in line for line in daemon.errors), 1)
 
     def test_stop_in_a_storm(self):
+        self.nft("add table ip mute; add chain ip mute f { type filter hook forward priority 0; }; "
+                 "add rule ip mute f udp sport 3478 udp dport 10000-10999 counter drop")
         self.coturn()
         daemon = self.daemon(nat_bed.config(gw=True, rtp_end=10999))
         natctl = self.natctl(daemon)
         natctl.connect("sip", "cm", "cc")
         self.answered(natctl, CS)
+        bed.wait_until(lambda: "packets 0 " not in self.nft("list table ip mute"), "answers that are dropped")
+        self.assertEqual(rtp_flags(natctl, 10000, 1000), {2})
         begin = time.monotonic()
         self.assertEqual(daemon.stop(), 0)
         self.assertLess(time.monotonic() - begin, 2)
+
+
+class NamedServer(nat_bed.NatBedTest, silent_dns.SilentDnsTest):
+    RESOLVER = "timeout:1 attempts:1"
+
+    def test_a_name_that_resolves_later(self):
+        self.coturn()
+        with nat_bed.udp_socket(self.rtr, ("10.77.0.1", 53)) as nobody:
+            daemon = self.daemon(nat_bed.config(server="stun.example"))
+            natctl = self.natctl(daemon)
+            natctl.connect("sip")
+            nobody.recv(512)
+            daemon.said("stun.example has no address")
+            nobody.recv(512)  # of the second look-up; it fails as well, and is not told
+        self.dns(("stun.example", SERVER))
+        self.assertEqual(self.answered(natctl, CS), (PUBLIC, 45060))
+        self.assertEqual(sum("has no address" in line for line in daemon.errors), 1)
 
 
 if __name__ == "__main__":
