@@ -20,12 +20,17 @@ install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/exampl
 install(FILES docs/architecture.md docs/protocol.md docs/natagentd.8.md docs/natctl.1.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 # The unit names paths, and the prefix may be chosen as late as at the installation.
-install(CODE "set(unit_source \"${PROJECT_SOURCE_DIR}/examples/natagentd.service\")")
+install(CODE "
+  set(unit_source \"${PROJECT_SOURCE_DIR}/examples/natagentd.service\")
+  set(sbin_dir \"${CMAKE_INSTALL_SBINDIR}\")
+  set(doc_dir \"${CMAKE_INSTALL_DOCDIR}\")")
 install(CODE [[
   file(READ "${unit_source}" unit)
-  string(REPLACE "/usr/" "${CMAKE_INSTALL_PREFIX}/" unit "${unit}")
+  string(REPLACE "/usr/sbin/" "${CMAKE_INSTALL_PREFIX}/${sbin_dir}/" unit "${unit}")
+  string(REPLACE "/usr/share/doc/natagent/" "${CMAKE_INSTALL_PREFIX}/${doc_dir}/" unit "${unit}")
   set(unit_path "${CMAKE_INSTALL_PREFIX}/lib/systemd/system/natagentd.service")
   file(WRITE "$ENV{DESTDIR}${unit_path}" "${unit}")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${unit_path}")
   message(STATUS "Installed: $ENV{DESTDIR}${unit_path}")
 ]])
 

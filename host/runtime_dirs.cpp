@@ -102,7 +102,10 @@ std::string ClaimRuntimeDir(const std::string& runtimeDir) {
   for (const int queue : kQueues) {
     const std::string socket = messaging::QueuePath(runtimeDir, queue);
     struct stat found {};
-    if (::lstat(socket.c_str(), &found) != 0 && errno == ENOENT) continue;
+    if (::lstat(socket.c_str(), &found) != 0) {
+      if (errno == ENOENT) continue;
+      return Reason("cannot look at " + socket, errno);
+    }
     if (!S_ISSOCK(found.st_mode)) return socket + " is there and is no socket; it is left alone";
     if (::unlink(socket.c_str()) != 0) return Reason("cannot remove the old " + socket, errno);
   }

@@ -27,7 +27,9 @@ u64 LateRequests::Keep() {
   return s_lastTicket;
 }
 
-void LateRequests::Resume(u64 ticket) { m_resumed = ticket; }
+void LateRequests::Resume(u64 ticket) {
+  if (ticket != 0) m_resumed = ticket;
+}
 
 void LateRequests::Finish(u64 ticket) {
   m_resumed.reset();

@@ -28,7 +28,7 @@ class LateRequests {
   // The request that is being handled waits. Its ticket, which was never given before; 0 when none is being handled.
   u64 Keep();
 
-  // What is answered from now on answers that request, until it is finished.
+  // What is answered from now on answers that request, until it is finished. 0: as if nothing had been resumed.
   void Resume(u64 ticket);
   // It waits no more, answered or not.
   void Finish(u64 ticket);

@@ -30,7 +30,7 @@ class NatMessenger {
   // Within a handler: the request will be answered later. Its ticket, never 0 and never given twice; 0 outside of one.
   static u64 KeepRequest();
   // What is answered between the two is the answer to that request, and reaches the party that asked only: nobody, when
-  // the queue has gone since. Finishing alone says that there will be no answer.
+  // the queue has gone since. Finishing alone says that there will be no answer. For 0 it is the present party.
   static void ResumeRequest(u64 ticket);
   static void FinishRequest(u64 ticket);
 

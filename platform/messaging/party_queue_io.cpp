@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <utility>
 
 #include "platform/journal.h"
 #include "platform/messaging/party_queue.h"

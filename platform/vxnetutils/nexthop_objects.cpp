@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/vxnetutils/kernel_routes.h"
 #include "platform/vxnetutils/route_attributes.h"

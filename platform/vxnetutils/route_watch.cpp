@@ -30,7 +30,8 @@ RouteWatch::RouteWatch() : m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 }
 
 bool RouteWatch::Wait() {
-  if (std::exchange(m_isChangeDue, false)) {
+  // A stop first: it is of this wait, while changes keep.
+  if (TakeStop() || std::exchange(m_isChangeDue, false)) {
     return true;
   }
   for (;;) {

@@ -16,7 +16,7 @@ class LateChannel : public Channel {
     tickets.push_back(KeepRequest());
     return 0;
   }
-  // The request that came as the so-manieth.
+  // The request that came at that place, from 0.
   u32 AnswerLate(u64 place, u64 id) {
     ResumeRequest(tickets.at(place));
     const u32 sent = ResponseCSNatMapping(id, NatItem{}, NATFLAG_MAPPED, 0);

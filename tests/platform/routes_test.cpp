@@ -94,6 +94,8 @@ TEST_F(RoutesTest, UnchangedRoutesAreNotAskedForAgain) {
 
 // Toward address 0: the uplink. Each case in a network of its own with a0 (10.1.0.2) and b0 (10.2.0.2).
 TEST_F(RoutesTest, DefaultRouteIsTheLowestMetricWhoseLinkIsUp) {
+  // The kernel then names next hops by their ids only.
+  const std::string kShort = "sysctl -qw net.ipv4.nexthop_compat_mode=0; ";
   const struct {
     std::string setUp;
     const char* expected;
@@ -114,14 +116,12 @@ TEST_F(RoutesTest, DefaultRouteIsTheLowestMetricWhoseLinkIsUp) {
        "ip nexthop add id 9 group 7/8; ip route add default nhid 9; " +
            PullOut("a"),
        "10.2.0.2 10.2.0.1"},
-      {"sysctl -qw net.ipv4.nexthop_compat_mode=0; ip nexthop add id 7 via 10.1.0.1 dev a0;"
-       "ip nexthop add id 8 via 10.2.0.1 dev b0; ip nexthop add id 9 group 7/8; ip route add default nhid 8 metric 20;"
-       "ip route add default nhid 9; " +
+      {kShort +
+           "ip nexthop add id 7 via 10.1.0.1 dev a0; ip nexthop add id 8 via 10.2.0.1 dev b0;"
+           "ip nexthop add id 9 group 7/8; ip route add default nhid 9; " +
            PullOut("a"),
        "10.2.0.2 10.2.0.1"},
-      {"sysctl -qw net.ipv4.nexthop_compat_mode=0; ip nexthop add id 7 via 10.1.0.1 dev a0; ip route add default nhid "
-       "7",
-       "10.1.0.2 10.1.0.1"},
+      {kShort + "ip nexthop add id 7 via 10.1.0.1 dev a0; ip route add default nhid 7", "10.1.0.2 10.1.0.1"},
       {"ip route add unreachable default metric 10; ip route add default via 10.1.0.1 metric 20", "none"},
       {"ip route add default via 10.1.0.1 tos 0x10", "none"},
   };

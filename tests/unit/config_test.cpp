@@ -27,6 +27,15 @@ TEST_F(ConfigTest, WithoutAConfigurationNothingChanges) {
     EXPECT_EQ(PublicPort(5060), 15060);
     EXPECT_TRUE(m_storage.HasGw(kUplink));
   }
+  // Without the media settings it is the gateways that are not loaded.
+  TestSource noMedia;
+  noMedia.record.mediaConfig = nullptr;
+  noMedia.nat.sipUdpPublicPort = 25060;
+  g_configSource = &noMedia;
+  EXPECT_TRUE(m_manager.LoadNatSettings(CA_PROTO_SIP));
+  EXPECT_EQ(PublicPort(5060), 25060);
+  EXPECT_FALSE(LoadGwSettings(GW_REMOVE));
+  EXPECT_TRUE(m_storage.HasGw(kUplink));
 }
 
 TEST_F(ConfigTest, EveryLoadReadsAfresh) {

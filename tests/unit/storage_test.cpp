@@ -182,7 +182,18 @@ TEST_F(StorageTest, AFailedStartLeavesNothingAndIsTriedAgain) {
   wanted.assign(kStarted.begin(), kStarted.end() - 1);
   EXPECT_EQ(TakeCalls(),
             (wanted + Strings{"log4 " + kDashes + "Error:Can't start Stun agent\r\n" + kDashes, "stun delete"}));
+  // The host's own fault.
+  struct Faulty final : ConfigSource {
+    HostConfig* GetConfig() override { throw std::bad_alloc(); }
+  } faulty;
+  g_configSource = &faulty;
+  EXPECT_THROW(m_stun.Start(), std::bad_alloc);
   EXPECT_FALSE(m_stun.IsRunning());
+  g_configSource = &m_source;
+  fake::Device()->stunStarts = true;
+  fake::Take({});
+  EXPECT_TRUE(m_stun.Start());
+  EXPECT_EQ(TakeCalls(), kStarted);
 }
 
 TEST_F(StorageTest, WithoutAnUplinkItWaitsForOne) {
