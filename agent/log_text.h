@@ -19,3 +19,13 @@ inline void AppendNumber(std::string& text, u64 number) {
 }
 
 inline void AppendIp(std::string& text, u32 address) { text += IpToString(address); }
+
+// One item of an answer's line of public addresses.
+inline void AppendMappedIp(std::string& text, const NatRespItem& item, const char* otherwise) {
+  if (item.flag == NATFLAG_MAPPED) {
+    AppendIp(text, item.mappedIp);
+    text += ' ';
+  } else {
+    text += otherwise;
+  }
+}

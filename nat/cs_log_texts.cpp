@@ -89,12 +89,7 @@ void NatLogOut::LogNatListResponse(const u64& queryId, const std::list<NatRespIt
   }
   m_text = "MappedIps  = ";
   for (const NatRespItem& item : respItems) {
-    if (item.flag == NATFLAG_MAPPED) {
-      AppendIp(m_text, item.mappedIp);
-      m_text += ' ';
-    } else {
-      m_text += GetNatFlagName(item.flag);
-    }
+    AppendMappedIp(m_text, item, GetNatFlagName(item.flag));
   }
   m_text += "\r\nMappedPort = ";
   for (const NatRespItem& item : respItems) {

@@ -23,12 +23,7 @@ void NatLogOut::LogRevRtpResponse(const u64& queryId, const std::list<NatRespIte
   }
   m_text = "MappedIps  = ";
   for (const NatRespItem& item : respItems) {
-    if (item.flag == NATFLAG_MAPPED) {
-      AppendIp(m_text, item.mappedIp);
-      m_text += ' ';
-    } else {
-      m_text += "     No need Nat  ";
-    }
+    AppendMappedIp(m_text, item, "     No need Nat  ");
   }
   m_text += "\r\nMappedPort = ";
   for (const NatRespItem& item : respItems) {

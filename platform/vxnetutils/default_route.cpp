@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include "platform/vxnetutils/kernel_routes.h"
+#include "platform/vxnetutils/netlink_request.h"
 #include "platform/vxnetutils/route_attributes.h"
 
 namespace {
@@ -45,13 +46,10 @@ KernelRoutes::Answer KernelRoutes::FindDefault(Route& route) {
 
 std::optional<std::vector<KernelRoutes::Candidate>> KernelRoutes::ListDefaultRoutes() {
   for (int i = 0; i < kListingTries; ++i) {
-    alignas(nlmsghdr) char buffer[64];
-    nlmsghdr* const request = mnl_nlmsg_put_header(buffer);
-    request->nlmsg_type = RTM_GETROUTE;
-    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)))->rtm_family = AF_INET;
+    NetlinkRequest<rtmsg> request(RTM_GETROUTE, NLM_F_DUMP);
+    request->rtm_family = AF_INET;
     std::vector<Candidate> listed;
-    const int error = Ask(request, ReadDefaultRoute, &listed);
+    const int error = Ask(request.Message(), ReadDefaultRoute, &listed);
     if (error == 0) {
       return listed;
     }
@@ -123,16 +121,12 @@ KernelRoutes::Answer KernelRoutes::Use(const Candidate& candidate, Route& route)
 }
 
 KernelRoutes::Answer KernelRoutes::LinkUp(u32 link) {
-  alignas(nlmsghdr) char buffer[64];
-  nlmsghdr* const request = mnl_nlmsg_put_header(buffer);
-  request->nlmsg_type = RTM_GETLINK;
-  request->nlmsg_flags = NLM_F_REQUEST;
-  auto* const header = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)));
-  header->ifi_family = AF_UNSPEC;
-  header->ifi_index = static_cast<int>(link);
-  mnl_attr_put_u32(request, IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
+  NetlinkRequest<ifinfomsg> request(RTM_GETLINK);
+  request->ifi_family = AF_UNSPEC;
+  request->ifi_index = static_cast<int>(link);
+  request.Put(IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS);
   unsigned flags = 0;
-  const int error = Ask(request, ReadLink, &flags);
+  const int error = Ask(request.Message(), ReadLink, &flags);
   if (error != 0) {
     return error == ENODEV || error == EINVAL ? Answer::NONE : Answer::FAILED;
   }

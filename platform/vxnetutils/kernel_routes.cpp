@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "platform/vxnetutils/netlink_request.h"
 #include "platform/vxnetutils/route_attributes.h"
 
 namespace {
@@ -40,19 +41,15 @@ KernelRoutes::Answer KernelRoutes::Find(u32 destination, Route& route) { return 
 
 // The kernel's own choice of way, and of address, toward the destination; over the link when it is not 0.
 KernelRoutes::Answer KernelRoutes::Get(u32 destination, u32 link, Route& route) {
-  alignas(nlmsghdr) char buffer[128];
-  nlmsghdr* const request = mnl_nlmsg_put_header(buffer);
-  request->nlmsg_type = RTM_GETROUTE;
-  request->nlmsg_flags = NLM_F_REQUEST;
-  auto* const header = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(request, sizeof(rtmsg)));
-  header->rtm_family = AF_INET;
-  header->rtm_dst_len = 32;
-  mnl_attr_put_u32(request, RTA_DST, destination);
+  NetlinkRequest<rtmsg> request(RTM_GETROUTE);
+  request->rtm_family = AF_INET;
+  request->rtm_dst_len = 32;
+  request.Put(RTA_DST, destination);
   if (link != 0) {
-    mnl_attr_put_u32(request, RTA_OIF, link);
+    request.Put(RTA_OIF, link);
   }
   Reply reply;
-  const int error = Ask(request, ReadRoute, &reply);
+  const int error = Ask(request.Message(), ReadRoute, &reply);
   if (error != 0) {
     return MeansNone(error) ? Answer::NONE : Answer::FAILED;
   }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/vxnetutils/kernel_routes.h"
+#include "platform/vxnetutils/netlink_request.h"
 #include "platform/vxnetutils/route_attributes.h"
 
 bool KernelRoutes::ReplaceObjects(std::vector<Candidate>& candidates) {
@@ -25,15 +26,11 @@ bool KernelRoutes::ReplaceObjects(std::vector<Candidate>& candidates) {
 
 // The next hop of that id, or those of the group, as hops of the route. One that has gone is none.
 bool KernelRoutes::AddObject(u32 id, const Candidate& route, std::vector<Candidate>& candidates) {
-  alignas(nlmsghdr) char buffer[64];
-  nlmsghdr* const request = mnl_nlmsg_put_header(buffer);
-  request->nlmsg_type = RTM_GETNEXTHOP;
-  request->nlmsg_flags = NLM_F_REQUEST;
-  mnl_nlmsg_put_extra_header(request, sizeof(nhmsg));
-  mnl_attr_put_u32(request, NHA_ID, id);
+  NetlinkRequest<nhmsg> request(RTM_GETNEXTHOP);
+  request.Put(NHA_ID, id);
   Object object;
   object.hop = route;
-  if (const int error = Ask(request, ReadObject, &object); error != 0) {
+  if (const int error = Ask(request.Message(), ReadObject, &object); error != 0) {
     return error == ENOENT;
   }
   if (object.members.empty()) {

@@ -95,17 +95,6 @@ TEST_F(RunningAgentTest, TablesOutliveARestart) {
   EXPECT_FALSE(_NatAgent.m_qorStorage->HasGw(kUplink));  // the storage is a new one
 }
 
-// A stop takes effect at any moment of a start, and a start after any stop.
-TEST_F(AgentTest, ManyCycles) {
-  for (int i = 0; i < 200; ++i) {
-    NatMain(&m_source);
-    ASSERT_TRUE(i % 2 == 0 || fake::WaitUntilIdle());
-    UpdateNatMain(i % 3 == 0 ? 0x2480 : 0);
-    StopNatMain();
-    ASSERT_EQ(fake::Take({"logfile"}), (Strings{"logfile open natagent.log 204800 2 2048", "logfile close"}));
-  }
-}
-
 TEST_F(AgentTest, StopWhileTheAgentIsJustStarting) {
   // On the agent thread before there is a loop: the request is kept.
   fake::OnLog("Starting Nat Agent Messenger\r\n", [] { _NatAgent.RequestStop(); });
