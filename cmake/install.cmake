@@ -10,7 +10,7 @@ install(TARGETS natagentd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS natctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 install(FILES client/natclient.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natclient)
-install(FILES agent/natagent.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/agent)
+install(FILES agent/natagent.h agent/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/agent)
 install(FILES nat/host_config.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/nat)
 install(FILES platform/types.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/platform)
 target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
