@@ -110,8 +110,9 @@ NATCLIENT_API int natclient_fd(const natclient* client);
 /*
  * Sending. -EAGAIN: the agent does not read as fast; nothing was sent, poll natclient_fd for writing and try again.
  * -EINVAL: more items or longer texts than allowed, or a kind that the party's queue does not take. -EPIPE: hung up.
- * destination: a dotted address or a host name. After a look-up the SIP agent is answered through the handler cs, for
- * the first item, and CM and CC through rtp, whatever the request's kind.
+ * destination: a dotted address or a host name, without blanks and control characters (else -EINVAL). After a look-up
+ * the SIP agent is answered through the handler cs, for the first item, and CM and CC through rtp, whatever the
+ * request's kind.
  */
 NATCLIENT_API int natclient_request_cs(natclient* client, uint64_t id, const char* destination,
                                        const natclient_item* item, enum natclient_port_type port_type, uint32_t value);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/messaging/frame.h"
 #include "tools/parsing.h"
 
 namespace {
@@ -98,6 +99,10 @@ class Parser {
     if (m_grammar.destination) {
       if (m_next == m_words.size()) return "DEST is missing";
       const std::string& destination = m_words[m_next++];
+      // The word itself is not shown: its control characters would disturb a terminal.
+      if (!std::all_of(destination.begin(), destination.end(), messaging::IsDestinationByte)) {
+        return "DEST has a blank or a control character inside";
+      }
       std::string error = CheckText(destination);
       if (!error.empty()) return error;
       m_command.destination = destination;

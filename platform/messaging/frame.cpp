@@ -8,7 +8,7 @@ namespace messaging {
 namespace {
 
 enum class Records { NONE, ITEMS, ANSWERS, CS_REQUEST, CS_ANSWER };
-enum class Tail { NONE, TEXT, TYPE, TYPE_AND_TEXTS };
+enum class Tail { NONE, DESTINATION, EXPLANATION, TYPE, TYPE_AND_TEXTS };
 
 // What a frame of a kind is made of behind its header: the records, `minCount` to `maxCount` of them, then the tail.
 // Where the tail has strings, the count is theirs.
@@ -22,9 +22,9 @@ struct Layout {
 };
 
 constexpr Layout kLayouts[] = {
-    {FrameKind::CS_REQUEST, FrameWay::TO_AGENT, Records::CS_REQUEST, Tail::TEXT, 1, 1},
-    {FrameKind::CS_LIST_REQUEST, FrameWay::TO_AGENT, Records::ITEMS, Tail::TEXT, 0, kMaxItems},
-    {FrameKind::RTP_REQUEST, FrameWay::TO_AGENT, Records::ITEMS, Tail::TEXT, 0, kMaxItems},
+    {FrameKind::CS_REQUEST, FrameWay::TO_AGENT, Records::CS_REQUEST, Tail::DESTINATION, 1, 1},
+    {FrameKind::CS_LIST_REQUEST, FrameWay::TO_AGENT, Records::ITEMS, Tail::DESTINATION, 0, kMaxItems},
+    {FrameKind::RTP_REQUEST, FrameWay::TO_AGENT, Records::ITEMS, Tail::DESTINATION, 0, kMaxItems},
     {FrameKind::REVERSE_REQUEST, FrameWay::TO_AGENT, Records::ITEMS, Tail::NONE, 0, kMaxItems},
     {FrameKind::CLOSE_REQUEST, FrameWay::TO_AGENT, Records::NONE, Tail::NONE, 0, 0},
     {FrameKind::UPDATE, FrameWay::TO_CGI_QUEUE, Records::NONE, Tail::TYPE_AND_TEXTS, 0, kMaxUpdateTexts},
@@ -35,7 +35,7 @@ constexpr Layout kLayouts[] = {
     {FrameKind::UPDATE_ANSWER, FrameWay::TO_PARTY, Records::NONE, Tail::TYPE, 0, 0},
     {FrameKind::WELCOME, FrameWay::TO_PARTY, Records::NONE, Tail::NONE, 0, 0},
     {FrameKind::NOTICE, FrameWay::TO_PARTY, Records::NONE, Tail::TYPE_AND_TEXTS, 0, kMaxUpdateTexts},
-    {FrameKind::REFUSED, FrameWay::TO_PARTY, Records::NONE, Tail::TEXT, 0, 0},
+    {FrameKind::REFUSED, FrameWay::TO_PARTY, Records::NONE, Tail::EXPLANATION, 0, 0},
 };
 
 const Layout* FindLayout(u32 kind) {
@@ -45,6 +45,10 @@ const Layout* FindLayout(u32 kind) {
 }
 
 bool IsText(std::string_view text) { return text.size() <= kMaxTextBytes && text.find('\0') == std::string_view::npos; }
+
+bool IsDestination(std::string_view text) {
+  return text.size() <= kMaxTextBytes && std::all_of(text.begin(), text.end(), IsDestinationByte);
+}
 
 template <class T>
 bool Take(std::string_view& rest, T& value) {
@@ -104,8 +108,9 @@ bool TakeTexts(std::string_view& rest, u32 count, std::list<std::string>& texts,
     u16 length = 0;
     if (!Take(rest, length) || rest.size() < length) return FailCut(fault, count);
     const std::string_view text = rest.substr(0, length);
-    if (!IsText(text))
+    if (!IsText(text)) {
       return Fail(fault, RefusalReason::BAD_TEXT, "a string is longer than 255 bytes or has a NUL inside");
+    }
     texts.emplace_back(text);
     rest.remove_prefix(length);
   }
@@ -113,9 +118,14 @@ bool TakeTexts(std::string_view& rest, u32 count, std::list<std::string>& texts,
 }
 
 bool TakeTail(std::string_view& rest, Tail tail, u32 count, Frame& frame, FrameFault& fault) {
-  if (tail == Tail::TEXT) {
-    if (!IsText(rest))
-      return Fail(fault, RefusalReason::BAD_TEXT, "the text is longer than 255 bytes or has a NUL inside");
+  if (tail == Tail::DESTINATION && !IsDestination(rest)) {
+    return Fail(fault, RefusalReason::BAD_TEXT,
+                "the destination is longer than 255 bytes or has a blank or a control character inside");
+  }
+  if (tail == Tail::EXPLANATION && !IsText(rest)) {
+    return Fail(fault, RefusalReason::BAD_TEXT, "the text is longer than 255 bytes or has a NUL inside");
+  }
+  if (tail == Tail::DESTINATION || tail == Tail::EXPLANATION) {
     frame.text.assign(rest);
     rest = {};
   }
@@ -182,8 +192,18 @@ std::size_t CountOf(const Layout& layout, const Frame& frame) {
 }
 
 bool HasValidTexts(const Layout& layout, const Frame& frame) {
-  if (layout.tail == Tail::TEXT) return IsText(frame.text);
-  return layout.tail != Tail::TYPE_AND_TEXTS || std::all_of(frame.texts.begin(), frame.texts.end(), IsText);
+  switch (layout.tail) {
+    case Tail::NONE:
+    case Tail::TYPE:
+      return true;
+    case Tail::DESTINATION:
+      return IsDestination(frame.text);
+    case Tail::EXPLANATION:
+      return IsText(frame.text);
+    case Tail::TYPE_AND_TEXTS:
+      return std::all_of(frame.texts.begin(), frame.texts.end(), IsText);
+  }
+  return false;
 }
 
 void PutRecords(std::string& packet, Records records, const Frame& frame) {
@@ -204,7 +224,9 @@ void PutRecords(std::string& packet, Records records, const Frame& frame) {
 }
 
 void PutTail(std::string& packet, Tail tail, const Frame& frame) {
-  if (tail == Tail::TEXT) packet.append(frame.text);
+  if (tail == Tail::DESTINATION || tail == Tail::EXPLANATION) {
+    packet.append(frame.text);
+  }
   if (tail == Tail::TYPE || tail == Tail::TYPE_AND_TEXTS) Put(packet, frame.updateType);
   if (tail != Tail::TYPE_AND_TEXTS) return;
   for (const std::string& text : frame.texts) {

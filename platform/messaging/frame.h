@@ -44,10 +44,17 @@ enum class RefusalReason : u32 {
   BAD_VERSION = 3,
   BAD_KIND = 4,   // unknown, or not for this queue
   BAD_COUNT = 5,  // too many items, or a count that the frame's length contradicts
-  BAD_TEXT = 6,   // destination or string too long, or with a NUL inside
+  BAD_TEXT = 6,   // destination or string too long, or with a byte inside that it may not contain
   BAD_VALUE = 7,  // a field outside its enumeration
   TOO_LONG = 8,   // longer than any valid frame
 };
+
+// Whether a destination may contain the byte: no blank and no control character. The agent logs a destination as it
+// came, so a line end in it would forge a line of the log.
+constexpr bool IsDestinationByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte > 0x20 && byte != 0x7F;
+}
 
 struct FrameHeader {
   u32 magic = kFrameMagic;

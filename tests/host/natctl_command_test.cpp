@@ -107,7 +107,9 @@ TEST(NatctlCommand, LimitsOfTheMessagesAreRefusedBeforeSending) {
   };
   EXPECT_TRUE(isValid({"cs", "sip", std::string(255, 'a'), "1.2.3.4:1"}));
   EXPECT_FALSE(isValid({"cs", "sip", std::string(256, 'a'), "1.2.3.4:1"}));
-  EXPECT_FALSE(isValid({"cs", "sip", std::string("a\0b", 3), "1.2.3.4:1"}));
+  for (const char forbidden : {'\0', '\n', '\x1B', ' ', '\x7F'}) {
+    EXPECT_FALSE(isValid({"cs", "sip", std::string("a") + forbidden, "1.2.3.4:1"})) << int{forbidden};
+  }
   std::vector<std::string> words{"reverse", "cc"};
   words.resize(2 + NATCLIENT_MAX_ITEMS, "1.2.3.4:1");
   EXPECT_TRUE(isValid(words));

@@ -34,7 +34,7 @@ std::string Encoded(const Frame& frame) {
   return packet;
 }
 
-const std::pair<FrameWay, Frame> kValid[] = {{TO_AGENT, Make(CS_REQUEST, 1, kLongText)},
+const std::pair<FrameWay, Frame> kValid[] = {{TO_AGENT, Make(CS_REQUEST, 1, "\x21\x7E\x80\xFF" + kLongText.substr(4))},
                                              {TO_AGENT, Make(CS_LIST_REQUEST, kMaxItems, kLongText)},
                                              {TO_AGENT, Make(RTP_REQUEST, 2, "host.example")},
                                              {TO_AGENT, Make(REVERSE_REQUEST, kMaxItems)},
@@ -45,7 +45,7 @@ const std::pair<FrameWay, Frame> kValid[] = {{TO_AGENT, Make(CS_REQUEST, 1, kLon
                                              {TO_PARTY, Make(REVERSE_ANSWER)},
                                              {TO_PARTY, Make(UPDATE_ANSWER)},
                                              {TO_PARTY, Make(NOTICE, 0, "", 2)},
-                                             {TO_PARTY, Make(REFUSED, 0, "why")}};
+                                             {TO_PARTY, Make(REFUSED, 0, "this is why\n")}};
 
 TEST(FrameTest, EveryKindIsValidWholeAndOneWayOnly) {
   Frame back;  // one for all, so that nothing of an earlier frame may be left in a later one
@@ -89,6 +89,9 @@ TEST(FrameTest, NamesWhatIsWrong) {
                {TO_AGENT, with(list, 20, u32{0x20000001}), BAD_COUNT},
                {TO_AGENT, with(list, 20, u32{1}), BAD_TEXT},
                {TO_AGENT, Encoded(cs) + "a\0b"s, BAD_TEXT},
+               {TO_AGENT, Encoded(cs) + "a\r\nb", BAD_TEXT},
+               {TO_AGENT, Encoded(list) + "1.2.3.4 ", BAD_TEXT},
+               {TO_AGENT, Encoded(Make(RTP_REQUEST)) + "\x7F", BAD_TEXT},
                {TO_AGENT, Encoded(Make(CLOSE_REQUEST)) + "x", BAD_COUNT},
                {TO_AGENT, with(Make(CLOSE_REQUEST), 20, u32{1}), BAD_COUNT},
                {TO_AGENT, with(cs, 32, u32{3}), BAD_VALUE},
@@ -105,9 +108,10 @@ TEST(FrameTest, NamesWhatIsWrong) {
     EXPECT_EQ(fault.reason, cases[i].reason) << i << ": " << fault.text;
     EXPECT_FALSE(fault.text.empty()) << i;
   }
-  for (const Frame& beyond : {Make(CS_LIST_REQUEST, kMaxItems + 1), Make(CS_LIST_REQUEST, 0, kLongText + "x"),
-                              Make(CS_LIST_REQUEST, 0, "a\0b"s), Make(NOTICE, 0, "", kMaxUpdateTexts + 1),
-                              Make(CS_ANSWER), Make(static_cast<FrameKind>(9))}) {
+  for (const Frame& beyond :
+       {Make(CS_LIST_REQUEST, kMaxItems + 1), Make(CS_LIST_REQUEST, 0, kLongText + "x"),
+        Make(CS_LIST_REQUEST, 0, "a\0b"s), Make(CS_REQUEST, 1, "a\nb"), Make(NOTICE, 0, "", kMaxUpdateTexts + 1),
+        Make(CS_ANSWER), Make(static_cast<FrameKind>(9))}) {
     std::string packet = "old";
     EXPECT_FALSE(EncodeFrame(beyond, packet));
     EXPECT_TRUE(packet.empty());

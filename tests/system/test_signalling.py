@@ -158,6 +158,7 @@ class Signalling(bed.BedTest):
         random = Random(1)
         header = struct.Struct("=IHHQII")
         magic, version = 0x3154414E, 1
+        item = socket.inet_aton("10.77.0.2") + struct.pack("=HHI", 5060, 0, 0)
         with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as peer:
             peer.settimeout(bed.DEADLINE)
             peer.connect(str(daemon.runtime / "queue-112"))
@@ -170,6 +171,7 @@ class Signalling(bed.BedTest):
                 header.pack(magic, version, 2, 7, 0, 2) + bytes(8),
                 header.pack(magic, version, 77, 7, 0, 0),
                 header.pack(magic, 9, 5, 7, 0, 0),
+                header.pack(magic, version, 1, 7, 0, 1) + item + b"pbx\r\nForged line\r\n.example",
                 bytes(60000),  # oversize
                 *(random.randbytes(random.randrange(1, 200)) for _ in range(200)),
                 *(header.pack(magic, version, random.choice([0, 1, 6, 8]), 7, 0, random.randrange(4)) +
@@ -178,13 +180,13 @@ class Signalling(bed.BedTest):
                 peer.send(packet)
                 kinds.add(header.unpack(peer.recv(65536)[:header.size])[2])
             # A good one behind all of it is answered: 0x81, under its own id.
-            peer.send(header.pack(magic, version, 1, 4711, 0, 1) + socket.inet_aton("10.77.0.2") +
-                      struct.pack("=HHI", 5060, 0, 0) + b"198.51.100.9")
+            peer.send(header.pack(magic, version, 1, 4711, 0, 1) + item + b"198.51.100.9")
             answer = header.unpack(peer.recv(65536)[:header.size])
             self.assertEqual((answer[2], answer[3]), (0x81, 4711))
             self.assertEqual(kinds, {0x92})
         self.assertEqual(cs(other.ask("cs cm 10.77.0.1 10.77.0.2:1720")), NO_NEED)
         self.assertEqual(daemon.stop(), 0)
+        self.assertNotIn("Forged", daemon.log())
 
     def test_three_parties_pipelined(self):
         daemon = self.daemon()
