@@ -2,7 +2,27 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+
+namespace {
+
+// Whether every message ends inside the packet. libmnl counts in int, and would follow a length beyond INT_MAX.
+bool AreWhole(const unsigned char* packet, std::size_t length) {
+  std::size_t at = 0;
+  while (length - at >= sizeof(nlmsghdr)) {
+    nlmsghdr header;
+    std::memcpy(&header, packet + at, sizeof(header));
+    if (header.nlmsg_len < sizeof(header) || header.nlmsg_len > length - at) {
+      return false;
+    }
+    at = std::min(at + MNL_ALIGN(header.nlmsg_len), length);
+  }
+  return true;
+}
+
+}  // namespace
 
 int NetlinkSocket::Open() {
   Close();
@@ -76,6 +96,10 @@ int NetlinkSocket::ReadAnswer(mnl_cb_t each, void* context) {
     if (length > sizeof(m_answer)) {
       Close();
       return EMSGSIZE;
+    }
+    if (!AreWhole(m_answer, length)) {
+      Close();
+      return EBADMSG;
     }
     const int result = mnl_cb_run(m_answer, length, m_sequence, mnl_socket_get_portid(m_socket), each, context);
     if (result == MNL_CB_STOP) {
