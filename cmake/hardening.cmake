@@ -1,12 +1,10 @@
-# What every program and library here is hardened with, in every kind of build. What a packager's own flags say of one
-# of these stays as they say it.
+# How programs and libraries are hardened, in every kind of build. A packager's own choice in CXXFLAGS is kept.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported()
 string(TOUPPER "${CMAKE_BUILD_TYPE}" build_type)
 set(given_flags "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${build_type}}")
 
-# For targets of C as well: the compilers of both are of one make.
 function(natagent_harden flag family)
   string(MAKE_C_IDENTIFIER "NATAGENT_HAVE${flag}" known)
   check_cxx_compiler_flag(${flag} ${known})
@@ -17,13 +15,12 @@ endfunction()
 natagent_harden(-fstack-protector-strong "stack-protector")
 natagent_harden(-fstack-clash-protection "stack-clash-protection")
 
-# The checked functions of the C library need the optimiser, and would hide from the sanitizers what they look for.
-string(REGEX MATCHALL "-O[^ ]*" levels "${given_flags}")
+# The checked functions of the C library need the optimiser. They would hide errors from the sanitizers.
+string(REGEX MATCHALL "(^| )-O[^ ]*" levels "${given_flags}")
 list(POP_BACK levels level)
-if(level AND NOT level STREQUAL "-O0" AND NOT NATAGENT_SANITIZE AND NOT given_flags MATCHES "_FORTIFY_SOURCE")
+if(level AND NOT level MATCHES "-O0$" AND NOT NATAGENT_SANITIZE AND NOT given_flags MATCHES "_FORTIFY_SOURCE")
   target_compile_options(natagent_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
-# Every symbol is bound at the start, so that the tables of addresses can be made read-only. For libnatagent it is also
-# what lets dlclose unload it.
+# Every symbol is bound at the start, so that the tables of addresses become read-only. dlclose of libnatagent needs it too.
 target_link_options(natagent_options INTERFACE -Wl,-z,relro -Wl,-z,now)

@@ -8,7 +8,7 @@
 
 namespace {
 
-// Whether every message ends inside the packet. libmnl counts in int, and would follow a length beyond INT_MAX.
+// Whether every message ends inside the packet. libmnl compares lengths as int and would follow one beyond INT_MAX.
 bool AreWhole(const unsigned char* packet, std::size_t length) {
   std::size_t at = 0;
   while (length - at >= sizeof(nlmsghdr)) {
