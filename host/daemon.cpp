@@ -6,6 +6,7 @@
 
 #include "host/service_notify.h"
 #include "platform/journal.h"
+#include "platform/messaging/runtime_dir.h"
 
 namespace {
 
@@ -90,6 +91,7 @@ std::string Daemon::Prepare() {
   if (const int error = m_library.useRuntimeDir(m_dirs.runtime.c_str(), m_lease->Lock()); error != 0) {
     return "cannot hand over the runtime directory " + m_dirs.runtime + ": " + std::strerror(error);
   }
+  LimitQueues();
   return {};
 }
 
@@ -159,9 +161,23 @@ void Daemon::Reload() {
   }
   const HostSettings& current = m_source.Current();
   const u16 changes = ChangesBetween(current, *settings);
-  if (changes == 0) {
+  if (changes == 0 && current.access == settings->access) {
     return JournalNotice("natagentd: read " + Describe(m_configFile) + ", nothing has changed");
   }
   m_source.Replace(std::move(*settings), [&] { m_library.updateNatMain(changes); });
+  LimitQueues();
   JournalNotice("natagentd: changed to the " + Describe(m_configFile));
+}
+
+void Daemon::LimitQueues() {
+  const QueueAccess& access = m_source.Current().access;
+  for (const messaging::QueueInfo& queue : messaging::kQueues) {
+    const auto users = access.find(queue.number);
+    const int error = users == access.end()
+                          ? m_library.limitQueue(queue.number, nullptr, NAT_HOST_EVERYONE)
+                          : m_library.limitQueue(queue.number, users->second.data(), users->second.size());
+    if (error != 0) {
+      JournalError("natagentd: cannot limit queue " + std::to_string(queue.number) + ": " + std::strerror(error));
+    }
+  }
 }

@@ -36,6 +36,7 @@ class Daemon {
   bool Serve();
   bool AreQueuesOpen();
   void Reload();
+  void LimitQueues();
 
   const sigset_t m_signals;
   const RuntimeDirs m_dirs;
