@@ -70,9 +70,17 @@ int AwaitWelcome(natclient& client, const Deadline& deadline) {
   const std::string_view packet(client.incoming.data(), static_cast<std::size_t>(got));
   if (!messaging::DecodeFrame(packet, messaging::FrameWay::TO_PARTY, client.received, fault)) return -EPROTO;
   if (client.received.kind == messaging::FrameKind::WELCOME) return 0;
-  const bool taken = client.received.kind == messaging::FrameKind::REFUSED &&
-                     client.received.value == static_cast<u32>(messaging::RefusalReason::QUEUE_TAKEN);
-  return taken ? -EBUSY : -EPROTO;
+  if (client.received.kind != messaging::FrameKind::REFUSED) {
+    return -EPROTO;
+  }
+  switch (static_cast<messaging::RefusalReason>(client.received.value)) {
+    case messaging::RefusalReason::QUEUE_TAKEN:
+      return -EBUSY;
+    case messaging::RefusalReason::NOT_ALLOWED:
+      return -EPERM;
+    default:
+      return -EPROTO;
+  }
 }
 
 }  // namespace natclient_detail

@@ -54,6 +54,8 @@ const char* natclient_strerror(int error) {
       return "success";
     case EBUSY:
       return "another party is connected to the queue";
+    case EPERM:
+      return "the agent does not allow this user on the queue";
     case ENOENT:
     case ECONNREFUSED:
       return "no agent serves this runtime directory";

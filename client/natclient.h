@@ -55,7 +55,8 @@ enum natclient_refusal {
   NATCLIENT_BAD_COUNT = 5,
   NATCLIENT_BAD_TEXT = 6,
   NATCLIENT_BAD_VALUE = 7,
-  NATCLIENT_TOO_LONG = 8
+  NATCLIENT_TOO_LONG = 8,
+  NATCLIENT_NOT_ALLOWED = 9
 };
 
 enum { NATCLIENT_MAX_ITEMS = 1024, NATCLIENT_MAX_TEXTS = 64, NATCLIENT_MAX_TEXT_BYTES = 255 };
@@ -94,10 +95,11 @@ typedef struct natclient_handlers {
 
 /*
  * Connects a party. runtime_dir null: NATAGENT_RUNTIME_DIR, or /run/natagent. The agent then sends a welcome, or
- * refuses the connection when the queue has a party already. wait_ms 0 returns without waiting for either; otherwise
- * waits for it at most so long (negative: without limit): -EBUSY queue taken, -ETIMEDOUT neither came, -ECONNRESET hung
- * up. -ENOENT or -ECONNREFUSED: no agent there. -EAGAIN, without waiting only: too many others are waiting to connect.
- * *client is null unless 0 is returned.
+ * refuses the connection when the queue has a party already, or is not for the caller's user. wait_ms 0 returns without
+ * waiting for either; otherwise waits for it at most so long (negative: without limit): -EBUSY queue taken, -EPERM not
+ * allowed, -ETIMEDOUT neither came, -ECONNRESET hung up. -ENOENT or -ECONNREFUSED: no agent there. -EACCES: the mode of
+ * the socket or of its directory keeps the caller out. -EAGAIN, without waiting only: too many others are waiting to
+ * connect. *client is null unless 0 is returned.
  */
 NATCLIENT_API int natclient_open(natclient** client, const char* runtime_dir, enum natclient_party party, int wait_ms);
 

@@ -19,9 +19,24 @@ std::string AgentLibrary::Load() {
   m_handle = ::dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
   if (m_handle == nullptr) return std::string("cannot load the agent: ") + ::dlerror();
   std::string fault = Find(m_handle, "NatMain", natMain);
-  if (fault.empty()) fault = Find(m_handle, "StopNatMain", stopNatMain);
-  if (fault.empty()) fault = Find(m_handle, "UpdateNatMain", updateNatMain);
-  if (!fault.empty()) Unload();
+  if (fault.empty()) {
+    fault = Find(m_handle, "StopNatMain", stopNatMain);
+  }
+  if (fault.empty()) {
+    fault = Find(m_handle, "UpdateNatMain", updateNatMain);
+  }
+  if (fault.empty()) {
+    fault = Find(m_handle, "NatHostUseRuntimeDir", useRuntimeDir);
+  }
+  if (fault.empty()) {
+    fault = Find(m_handle, "NatHostLimitQueue", limitQueue);
+  }
+  if (fault.empty()) {
+    fault = Find(m_handle, "NatHostCheckQueues", checkQueues);
+  }
+  if (!fault.empty()) {
+    Unload();
+  }
   return fault;
 }
 

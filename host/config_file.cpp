@@ -31,7 +31,7 @@ const toml::table* Section(const toml::table& root, std::string_view name, Confi
 void RefuseUnknownSections(const toml::table& root, ConfigErrors& errors) {
   for (const auto& [key, node] : root) {
     const std::string_view name = key.str();
-    if (name == "media" || name == "nat" || name == "stun") continue;
+    if (name == "media" || name == "nat" || name == "stun" || name == "access") continue;
     errors.Add(key.source().begin.line, name, node.is_table() ? "unknown table" : "unknown key");
   }
 }
@@ -198,6 +198,7 @@ ConfigResult ParseConfig(std::string_view text, const std::string& file) {
   ConfigSection media(Section(root, "media", errors), "media", errors);
   ConfigSection nat(Section(root, "nat", errors), "nat", errors);
   ConfigSection stun(Section(root, "stun", errors), "stun", errors);
+  ConfigSection access(Section(root, "access", errors), "access", errors);
   ReadMedia(media, settings.media);
   ReadSip(nat, settings.nat);
   ReadGw(nat, settings.media, settings.nat);
@@ -205,6 +206,7 @@ ConfigResult ParseConfig(std::string_view text, const std::string& file) {
   nat.RefuseUnknown();
   ReadStun(stun, settings.nat);
   CheckStunUse(nat, settings.nat);
+  ReadAccess(access, settings.access, errors);
   RefuseUnknownSections(root, errors);
 
   if (!errors.Empty()) return {std::nullopt, errors.Texts()};

@@ -5,12 +5,14 @@
 #include <string_view>
 #include <vector>
 
+#include "host/access_section.h"
 #include "nat/host_config.h"
 
 // The host's settings, owning what a HostConfig points to.
 struct HostSettings {
   MediaConfig media;
   NatConfig nat;
+  QueueAccess access;  // not the agent's: the host hands it to the queues
 };
 
 // What holds without a configuration file: the usual ports, no public address, no STUN, no exclusions.

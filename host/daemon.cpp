@@ -1,10 +1,12 @@
 #include "host/daemon.h"
 
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 
 #include "host/service_notify.h"
 #include "platform/journal.h"
+#include "platform/messaging/runtime_dir.h"
 
 namespace {
 
@@ -12,6 +14,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kQueuesDeadline = std::chrono::seconds(5);
 constexpr timespec kQueuesPoll{0, 10'000'000};  // ns
+constexpr timespec kTick{1, 0};                 // between two looks at the queues
+constexpr std::size_t kMaxFault = 512;          // bytes
 
 void ReportErrors(const ConfigResult& result) {
   for (const std::string& error : result.errors) JournalError(error);
@@ -51,13 +55,7 @@ Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile
     : m_signals(signals), m_dirs(std::move(dirs)), m_configFile(std::move(configFile)), m_source(std::move(settings)) {}
 
 int Daemon::Run() {
-  std::string fault = PrepareDirs(m_dirs);
-  if (fault.empty()) fault = ClaimRuntimeDir(m_dirs.runtime);
-  if (fault.empty()) {
-    ExportDirs(m_dirs);
-    fault = m_library.Load();
-  }
-  if (!fault.empty()) {
+  if (const std::string fault = Prepare(); !fault.empty()) {
     JournalError("natagentd: " + fault);
     return kExitFailed;
   }
@@ -65,54 +63,121 @@ int Daemon::Run() {
   // The agent sees the source through its base.
   m_library.natMain(static_cast<ConfigSource*>(&m_source));
   const Start start = WaitForQueues();
-  if (start == Start::READY) Serve();
+  const bool ok = start == Start::READY ? Serve() : start == Start::STOPPED;
   NotifyStopping();
   m_library.stopNatMain();
   m_library.Unload();
-  if (start == Start::FAILED) return kExitFailed;
+  if (!ok) {
+    return kExitFailed;
+  }
   JournalNotice("natagentd: stopped");
   return kExitOk;
 }
 
+// Everything that comes before the agent's start. Returns an empty text, or what is wrong.
+std::string Daemon::Prepare() {
+  if (std::string fault = PrepareDirs(m_dirs); !fault.empty()) {
+    return fault;
+  }
+  // Before the library is loaded, and handed on to it: nobody can come in between.
+  m_lease.emplace(m_dirs.runtime);
+  if (!m_lease->IsHeld()) {
+    return m_lease->Fault();
+  }
+  ExportLogDir(m_dirs);
+  if (std::string fault = m_library.Load(); !fault.empty()) {
+    return fault;
+  }
+  if (const int error = m_library.useRuntimeDir(m_dirs.runtime.c_str(), m_lease->Lock()); error != 0) {
+    return "cannot hand over the runtime directory " + m_dirs.runtime + ": " + std::strerror(error);
+  }
+  LimitQueues();
+  return {};
+}
+
 Daemon::Start Daemon::WaitForQueues() {
   const auto deadline = Clock::now() + kQueuesDeadline;
-  while (!QueuesOpen(m_dirs.runtime)) {
-    const int number = ::sigtimedwait(&m_signals, nullptr, &kQueuesPoll);
-    if (number == SIGTERM || number == SIGINT) return Start::STOPPED;
-    if (number == SIGHUP) m_reloadAsked = true;
-    // Two daemons may both have found the directory free; the other one's agent was first.
-    if (const std::string fault = TakenByAnother(m_dirs.runtime); !fault.empty()) {
-      JournalError("natagentd: " + fault);
+  for (;;) {
+    char why[kMaxFault];
+    const int state = m_library.checkQueues(why, sizeof why);
+    if (state == NAT_HOST_QUEUES_OPEN) {
+      return Start::READY;
+    }
+    if (state == NAT_HOST_QUEUES_LOST) {
+      JournalError(std::string("natagentd: ") + why);
       return Start::FAILED;
+    }
+    const int number = ::sigtimedwait(&m_signals, nullptr, &kQueuesPoll);
+    if (number == SIGTERM || number == SIGINT) {
+      return Start::STOPPED;
+    }
+    if (number == SIGHUP) {
+      m_reloadAsked = true;
     }
     if (Clock::now() >= deadline) {
       JournalError("natagentd: the agent has not opened its queues in " + m_dirs.runtime + " within 5 s");
       return Start::FAILED;
     }
   }
-  return Start::READY;
 }
 
-void Daemon::Serve() {
+// Until a signal ends it (true), or until parties cannot reach the agent any more.
+bool Daemon::Serve() {
   JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " +
                 Describe(m_configFile));
-  if (m_reloadAsked) Reload();
-  NotifyReady();
-  for (;;) {
-    const int number = ::sigwaitinfo(&m_signals, nullptr);
-    if (number == SIGTERM || number == SIGINT) return;
-    if (number != SIGHUP) continue;
-    NotifyReloading();
+  if (m_reloadAsked) {
     Reload();
-    NotifyReady();
   }
+  NotifyReady();
+  while (AreQueuesOpen()) {
+    const int number = ::sigtimedwait(&m_signals, nullptr, &kTick);
+    if (number == SIGTERM || number == SIGINT) {
+      return true;
+    }
+    if (number == SIGHUP) {
+      NotifyReloading();
+      Reload();
+      NotifyReady();
+    }
+  }
+  return false;
+}
+
+bool Daemon::AreQueuesOpen() {
+  char why[kMaxFault];
+  const int state = m_library.checkQueues(why, sizeof why);
+  if (state == NAT_HOST_QUEUES_OPEN) {
+    return true;
+  }
+  const std::string reason = state == NAT_HOST_QUEUES_LOST ? why : "the agent has closed its queues";
+  JournalError("natagentd: " + reason + "; call agents cannot reach this agent any more, so it ends");
+  return false;
 }
 
 void Daemon::Reload() {
   std::optional<HostSettings> settings = LoadSettings(m_configFile);
-  if (!settings) return JournalError("natagentd: the settings stay as they are");
-  const u16 changes = ChangesBetween(m_source.Current(), *settings);
-  if (changes == 0) return JournalNotice("natagentd: read " + Describe(m_configFile) + ", nothing has changed");
+  if (!settings) {
+    return JournalError("natagentd: the settings stay as they are");
+  }
+  const HostSettings& current = m_source.Current();
+  const u16 changes = ChangesBetween(current, *settings);
+  if (changes == 0 && current.access == settings->access) {
+    return JournalNotice("natagentd: read " + Describe(m_configFile) + ", nothing has changed");
+  }
   m_source.Replace(std::move(*settings), [&] { m_library.updateNatMain(changes); });
+  LimitQueues();
   JournalNotice("natagentd: changed to the " + Describe(m_configFile));
+}
+
+void Daemon::LimitQueues() {
+  const QueueAccess& access = m_source.Current().access;
+  for (const messaging::QueueInfo& queue : messaging::kQueues) {
+    const auto users = access.find(queue.number);
+    const int error = users == access.end()
+                          ? m_library.limitQueue(queue.number, nullptr, NAT_HOST_EVERYONE)
+                          : m_library.limitQueue(queue.number, users->second.data(), users->second.size());
+    if (error != 0) {
+      JournalError("natagentd: cannot limit queue " + std::to_string(queue.number) + ": " + std::strerror(error));
+    }
+  }
 }

@@ -9,6 +9,7 @@
 #include "host/command_line.h"
 #include "host/config_file.h"
 #include "host/host_config_source.h"
+#include "platform/messaging/runtime_dir_lease.h"
 
 // The settings in force at start, from the file the command line names or the default one. Without a value the errors
 // have been reported. `file` becomes the file that was read, or stays empty for the built-in settings.
@@ -30,14 +31,18 @@ class Daemon {
  private:
   enum class Start { READY, STOPPED, FAILED };
 
+  std::string Prepare();
   Start WaitForQueues();
-  void Serve();
+  bool Serve();
+  bool AreQueuesOpen();
   void Reload();
+  void LimitQueues();
 
   const sigset_t m_signals;
   const RuntimeDirs m_dirs;
   std::string m_configFile;
   HostConfigSource m_source;
+  std::optional<messaging::RuntimeDirLease> m_lease;  // the library, which shares it, goes first
   AgentLibrary m_library;
   bool m_reloadAsked = false;  // by a SIGHUP that came while the agent was starting
 };

@@ -128,8 +128,8 @@ void Connection::Answered(CommandKind kind, std::uint64_t id) {
 }
 
 void Connection::Refused(std::uint64_t id, std::uint32_t reason, const char* text) {
-  if (reason == NATCLIENT_QUEUE_TAKEN && !m_welcomed) {
-    m_takenText = text;
+  if ((reason == NATCLIENT_QUEUE_TAKEN || reason == NATCLIENT_NOT_ALLOWED) && !m_welcomed) {
+    m_refusalText = text;
     return;
   }
   Event event(EventKind::REFUSED, m_party);
@@ -144,9 +144,9 @@ void Connection::Refused(std::uint64_t id, std::uint32_t reason, const char* tex
 
 void Connection::PrintGone(int error) {
   Event event(EventKind::LOST, m_party);
-  if (!m_takenText.empty()) {
+  if (!m_refusalText.empty()) {
     event.kind = EventKind::REFUSED;
-    event.text = m_takenText;
+    event.text = m_refusalText;
   } else if (error != -ECONNRESET) {
     event.text = natclient_strerror(error);
   }

@@ -63,7 +63,7 @@ class Connection {
   Printer& m_printer;
   natclient* m_client = nullptr;
   bool m_welcomed = false;
-  std::string m_takenText;  // why the queue refused the connection
+  std::string m_refusalText;  // why the queue refused the connection
   std::map<Request, Waiting> m_waiting;
   std::size_t m_waitingCount = 0;
   std::uint64_t m_arrivals = 0;

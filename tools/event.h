@@ -16,7 +16,7 @@ enum class EventKind {
   UPDATE,
   NOTICE,
   TIMEOUT,      // a request was not answered in time
-  REFUSED,      // the agent refused a request, or the connection because the queue is taken
+  REFUSED,      // the agent refused a request, or the connection: the queue is taken, or not for this user
   LOST,         // the agent hung up
   UNREACHABLE,  // no connection could be made
 };

@@ -29,8 +29,9 @@ struct CyclicQueuePoller::Impl {
 
   Impl();
   bool IsUsable() const { return *epoll && wakeUp; }
-  // Asks the kernel; marks what is ready.
+  // Asks the kernel; marks what is ready. A queue that rests is asked about again after a while.
   void Ask();
+  bool AnyRests() const;
   void Mark(std::uint64_t data);
   // The next marked queue, unmarked; null when there is none left.
   PartyQueue* Next();
@@ -56,9 +57,20 @@ CyclicQueuePoller::Impl::Impl() {
 
 void CyclicQueuePoller::Impl::Ask() {
   epoll_event events[32];
-  const int count = ::epoll_wait(epoll->Get(), events, std::size(events), -1);
-  for (int i = 0; i < count; ++i) Mark(events[i].data.u64);
+  const int patience = AnyRests() ? static_cast<int>(PartyQueue::kRest.count()) : -1;
+  const int count = ::epoll_wait(epoll->Get(), events, std::size(events), patience);
+  for (int i = 0; i < count; ++i) {
+    Mark(events[i].data.u64);
+  }
+  for (const Selected& selected : queues) {
+    selected.queue->EndRest();
+  }
   next = 0;
+}
+
+bool CyclicQueuePoller::Impl::AnyRests() const {
+  return std::any_of(queues.begin(), queues.end(),
+                     [](const Selected& selected) { return selected.queue->IsResting(); });
 }
 
 void CyclicQueuePoller::Impl::Mark(std::uint64_t data) {

@@ -42,11 +42,12 @@ enum class RefusalReason : u32 {
   QUEUE_TAKEN = 1,  // another party is connected; the connection is closed after this frame
   BAD_HEADER = 2,   // too short, or not this protocol
   BAD_VERSION = 3,
-  BAD_KIND = 4,   // unknown, or not for this queue
-  BAD_COUNT = 5,  // too many items, or a count that the frame's length contradicts
-  BAD_TEXT = 6,   // destination or string too long, or with a byte inside that it may not contain
-  BAD_VALUE = 7,  // a field outside its enumeration
-  TOO_LONG = 8,   // longer than any valid frame
+  BAD_KIND = 4,     // unknown, or not for this queue
+  BAD_COUNT = 5,    // too many items, or a count that the frame's length contradicts
+  BAD_TEXT = 6,     // destination or string too long, or with a byte inside that it may not contain
+  BAD_VALUE = 7,    // a field outside its enumeration
+  TOO_LONG = 8,     // longer than any valid frame
+  NOT_ALLOWED = 9,  // the peer's user may not use the queue; the connection is closed after this frame
 };
 
 // Whether a destination may contain the byte: no blank and no control character. The agent logs a destination as it

@@ -4,27 +4,38 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/journal.h"
+#include "platform/messaging/queue_users.h"
 #include "platform/messaging/runtime_dir.h"
 
 using messaging::FrameKind;
 using messaging::FrameWay;
 
 PartyQueue::PartyQueue(int number, FrameWay way) : m_number(number), m_way(way) {
-  const auto lease = messaging::QueueRegistry::Join(*this, number, messaging::RuntimeDir());
+  const auto lease = messaging::QueueRegistry::Join(*this, number);
   if (lease == nullptr) {
     JournalError("queue " + std::to_string(number) + " is open in this process already");
     return;
   }
-  if (!lease->IsHeld()) return;
-  if (m_inbox.Doorbell() < 0) {
-    JournalError("queue " + std::to_string(number) + " stays closed: no eventfd can be made for its notices");
+  Open(*lease);
+  messaging::QueueRegistry::SetSocket(*this, m_socket ? std::optional(m_socket->File()) : std::nullopt);
+}
+
+void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
+  if (!lease.IsHeld()) {
     return;
   }
-  m_socket.emplace(*lease, number);
-  if (!m_socket->IsOpen()) m_socket.reset();
+  if (m_inbox.Doorbell() < 0) {
+    JournalError("queue " + std::to_string(m_number) + " stays closed: no eventfd can be made for its notices");
+    return;
+  }
+  m_socket.emplace(lease, m_number);
+  if (!m_socket->IsOpen()) {
+    m_socket.reset();
+  }
   m_buffer.resize(messaging::MaxFrameBytes() + 1);
 }
 
@@ -79,13 +90,21 @@ bool PartyQueue::MakesWay() const {
 }
 
 bool PartyQueue::Adopt() {
-  m_peer = m_socket->Accept();
-  if (!m_peer) return false;
+  messaging::Peer from;
+  UniqueFd peer = AcceptAdmitted(from);
+  if (!peer) {
+    return false;
+  }
+  from.LookAtProgram();
+  const std::string line = "the party of " + Name() + " connected: " + from.Text();
+  m_party = std::move(from);
+  m_peer = std::move(peer);
   m_peerReads = true;
   if (m_epoll && !AddToEpoll(m_peer.Get(), PEER)) {
     m_peer.Reset();
     return false;
   }
+  JournalNotice(line);
   Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
   SendFrame();
   m_inbox.SetPartyOnline(true);
@@ -93,17 +112,54 @@ bool PartyQueue::Adopt() {
 }
 
 void PartyQueue::AdoptWaiting() {
-  if (m_socket && !m_peer) Adopt();
+  if (m_socket && !m_peer) {
+    Adopt();
+  }
 }
 
 void PartyQueue::RefuseNext() {
-  const UniqueFd peer = m_socket->Accept();
-  if (!peer) return;
-  messaging::Frame& refusal = Answer(FrameKind::REFUSED, 0, static_cast<u32>(messaging::RefusalReason::QUEUE_TAKEN));
-  refusal.text = "another party is connected to queue " + std::to_string(m_number);
-  messaging::EncodeFrame(refusal, m_packet);
+  messaging::Peer from;
+  if (const UniqueFd peer = AcceptAdmitted(from)) {
+    Refuse(peer.Get(), messaging::RefusalReason::QUEUE_TAKEN,
+           "another party is connected to queue " + std::to_string(m_number) + ": " + m_party.ProcessText());
+  }
+}
+
+UniqueFd PartyQueue::AcceptAdmitted(messaging::Peer& from) {
+  UniqueFd peer = m_socket->Accept();
+  if (!peer) {
+    if (m_socket->IsExhausted()) {
+      Rest();
+    }
+    return {};
+  }
+  from = messaging::Peer::Of(peer.Get());
+  if (messaging::QueueUsers::Admits(m_number, from.uid)) {
+    return peer;
+  }
+  const std::string user = "user " + std::to_string(from.uid);
+  Refuse(peer.Get(), messaging::RefusalReason::NOT_ALLOWED, user + " may not use queue " + std::to_string(m_number));
+  // Without the process, so that a user who tries over and over makes equal lines.
+  JournalNotice(Name() + " refused " + user + ", who is not among its users");
+  return {};
+}
+
+void PartyQueue::Refuse(int peer, messaging::RefusalReason reason, const std::string& text) {
+  Answer(FrameKind::REFUSED, 0, static_cast<u32>(reason)).text = text;
+  messaging::EncodeFrame(m_answer, m_packet);
   // A fresh socket has room for it; a peer that is gone already needs no reason.
-  ::send(peer.Get(), m_packet.data(), m_packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  ::send(peer, m_packet.data(), m_packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void PartyQueue::Rest() {
+  m_resting = m_epoll && ControlEpoll(EPOLL_CTL_MOD, m_socket->Get(), LISTENER, 0);
+  m_restEnd = std::chrono::steady_clock::now() + kRest;
+}
+
+void PartyQueue::EndRest() {
+  if (m_resting && std::chrono::steady_clock::now() >= m_restEnd) {
+    m_resting = !ControlEpoll(EPOLL_CTL_MOD, m_socket->Get(), LISTENER, EPOLLIN);
+  }
 }
 
 bool PartyQueue::TakeOwnNotice() {
@@ -118,9 +174,12 @@ void PartyQueue::HoldBack(bool held) {
 }
 
 void PartyQueue::HangUp() {
+  JournalNotice("the party of " + Name() + " hung up: " + m_party.Text());
   m_late->Orphan(*this);
   m_inbox.SetPartyOnline(false);
-  if (m_epoll) ::epoll_ctl(m_epoll->Get(), EPOLL_CTL_DEL, m_peer.Get(), nullptr);
+  if (m_epoll) {
+    ::epoll_ctl(m_epoll->Get(), EPOLL_CTL_DEL, m_peer.Get(), nullptr);
+  }
   m_peer.Reset();
 }
 
@@ -136,16 +195,31 @@ bool PartyQueue::Watch(std::shared_ptr<const UniqueFd> epoll) {
   // Nobody would ever be taken in.
   m_peer.Reset();
   m_socket.reset();
+  messaging::QueueRegistry::SetSocket(*this, std::nullopt);
   return false;
 }
 
+// With its party, for people.
+std::string PartyQueue::Name() const {
+  const auto* found = std::find_if(std::begin(messaging::kQueues), std::end(messaging::kQueues),
+                                   [this](const messaging::QueueInfo& queue) { return queue.number == m_number; });
+  const std::string name = "queue " + std::to_string(m_number);
+  return found != std::end(messaging::kQueues) ? name + " (" + found->party + ")" : name;
+}
+
 bool PartyQueue::AddToEpoll(int fd, unsigned role) const {
-  epoll_event event{};
-  event.events = role == PEER ? PeerEvents() : EPOLLIN;
-  event.data.u64 = static_cast<u64>(static_cast<u32>(m_number)) << 8 | role;
-  if (::epoll_ctl(m_epoll->Get(), EPOLL_CTL_ADD, fd, &event) == 0) return true;
+  if (ControlEpoll(EPOLL_CTL_ADD, fd, role, role == PEER ? PeerEvents() : static_cast<u32>(EPOLLIN))) {
+    return true;
+  }
   JournalError("queue " + std::to_string(m_number) + " cannot be watched");
   return false;
+}
+
+bool PartyQueue::ControlEpoll(int operation, int fd, unsigned role, u32 events) const {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = static_cast<u64>(static_cast<u32>(m_number)) << 8 | role;
+  return ::epoll_ctl(m_epoll->Get(), operation, fd, &event) == 0;
 }
 
 // EPOLLONESHOT alone: nothing but a hang-up is told of, and that not over and over.
@@ -155,11 +229,7 @@ u32 PartyQueue::PeerEvents() const {
 }
 
 void PartyQueue::WatchPeer() {
-  if (!m_epoll) return;
-  epoll_event event{};
-  event.events = PeerEvents();
-  event.data.u64 = static_cast<u64>(static_cast<u32>(m_number)) << 8 | PEER;
-  if (::epoll_ctl(m_epoll->Get(), EPOLL_CTL_MOD, m_peer.Get(), &event) != 0) {
+  if (m_epoll && !ControlEpoll(EPOLL_CTL_MOD, m_peer.Get(), PEER, PeerEvents())) {
     JournalError("the party of queue " + std::to_string(m_number) + " cannot be watched");
   }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -8,6 +9,7 @@
 #include "platform/messaging/frame.h"
 #include "platform/messaging/late_requests.h"
 #include "platform/messaging/notice_inbox.h"
+#include "platform/messaging/peer.h"
 #include "platform/messaging/queue_registry.h"
 #include "platform/messaging/queue_socket.h"
 #include "platform/messaging/runtime_dir_lease.h"
@@ -69,6 +71,12 @@ class PartyQueue {
   // Takes in a peer that has connected already, when there is no party.
   void AdoptWaiting();
 
+  // For a poller: whether the listener is left alone because the process is out of descriptors. EndRest watches it
+  // again once kRest is over, so it is to be called from time to time.
+  static constexpr std::chrono::milliseconds kRest{250};
+  bool IsResting() const { return m_resting; }
+  void EndRest();
+
   // Any thread: an encoded notice for the party, and on the CGI party's queue for this process too. Never blocks.
   void Post(const std::string& notice);
 
@@ -80,6 +88,9 @@ class PartyQueue {
   bool MakesWay() const;
   bool Adopt();
   void RefuseNext();
+  UniqueFd AcceptAdmitted(messaging::Peer& from);
+  void Refuse(int peer, messaging::RefusalReason reason, const std::string& text);
+  void Rest();
   bool TakeOwnNotice();
   Turn Receive();  // only while no answer waits and the party is not held back
   bool IsEmptyPacket() const;
@@ -92,7 +103,10 @@ class PartyQueue {
   void Flush();
   void SendNotices();
 
+  void Open(const messaging::RuntimeDirLease& lease);
+  std::string Name() const;
   bool AddToEpoll(int fd, unsigned role) const;
+  bool ControlEpoll(int operation, int fd, unsigned role, u32 events) const;
   u32 PeerEvents() const;
   void WatchPeer();
 
@@ -102,17 +116,22 @@ class PartyQueue {
   // The registry's, guarded by its lock.
   std::shared_ptr<const messaging::RuntimeDirLease> m_lease;
   PartyQueue* m_next = nullptr;
+  std::optional<messaging::FileId> m_file;  // of the open socket
+  bool m_closed = false;                    // for good
 
   messaging::NoticeInbox m_inbox;  // guards itself
   std::optional<messaging::QueueSocket> m_socket;
   std::shared_ptr<const UniqueFd> m_epoll;
   unsigned m_ready = 0;
+  bool m_resting = false;
+  std::chrono::steady_clock::time_point m_restEnd;
   bool m_noticeWasLast = false;  // own notices and the party take turns
 
   const std::shared_ptr<messaging::LateRequests> m_late = messaging::LateRequests::Shared();
   bool m_heldBack = false;
 
   UniqueFd m_peer;
+  messaging::Peer m_party;            // who that is
   bool m_peerReads = false;           // false: it has hung up on us, and what it sent is still being taken
   std::deque<std::string> m_waiting;  // encoded answers that the peer's socket had no room for
   std::string m_buffer;               // one packet, incoming

@@ -9,8 +9,10 @@ std::string RuntimeDir() {
   return dir != nullptr && *dir != '\0' ? dir : "/run/natagent";
 }
 
-std::string QueuePath(const std::string& dir, int queue) { return dir + "/queue-" + std::to_string(queue); }
+std::string QueueFile(int queue) { return "queue-" + std::to_string(queue); }
 
-std::string LockPath(const std::string& dir) { return dir + "/agent.lock"; }
+std::string QueuePath(const std::string& dir, int queue) { return dir + "/" + QueueFile(queue); }
+
+std::string LockPath(const std::string& dir) { return dir + "/" + kLockFile; }
 
 }  // namespace messaging

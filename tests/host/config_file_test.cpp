@@ -28,7 +28,7 @@ std::string ExampleText() {
 }
 
 TEST(ConfigFile, TheExampleIsReadFieldByField) {
-  const auto [media, nat] = Valid(ExampleText());
+  const auto [media, nat, access] = Valid(ExampleText());
   const u32 publicIp = inet_addr("203.0.113.7");
   EXPECT_THAT((std::vector<u32>{media.rtpPortStart, media.rtpPortEnd, media.rtcpEnabled}),
               ElementsAre(10000, 10199, 1));
@@ -59,6 +59,17 @@ TEST(ConfigFile, DefaultsAndEdgesThatAreValid) {
   EXPECT_EQ(nat.gwPublicPortEnd, 65535);
   EXPECT_EQ(nat.natExclusions.back().ipText, "10.1.2.3") << "in the file's order";
   EXPECT_EQ(nat.stunSetting3, 4294967295u);
+}
+
+TEST(ConfigFile, QueuesAreLimitedToUsersByNameOrNumber) {
+  const QueueAccess access = Valid("[access]\nsip_users = ['root', '1001']\ncgi_users = []\n").access;
+  EXPECT_EQ(access, (QueueAccess{{112, {0, 1001}}, {102, {}}}));
+  std::string many;
+  for (int i = 0; i < 65; ++i) {
+    many += "'1',";
+  }
+  EXPECT_THAT(ParseConfig("[access]\ncm_users = [" + many + "]", "f").errors,
+              ElementsAre("f:2: access.cm_users: names more than 64 users"));
 }
 
 TEST(ConfigFile, ARefusalNamesFileLineKeyAndReason) {
@@ -92,7 +103,13 @@ TEST(ConfigFile, ARefusalNamesFileLineKeyAndReason) {
       {"[[nat.exclusions]]\nip = '10.0.0.0'\nmask = '255.0.0.0'\nname = 'x'\n",
        "f.toml:4: nat.exclusions[0].name: unknown key"},
       {"[[nat.exclusions]]\nip = 'ten'\nmask = '255.0.0.0'\n",
-       "f.toml:2: nat.exclusions[0].ip: \"ten\" is not a dotted"}};
+       "f.toml:2: nat.exclusions[0].ip: \"ten\" is not a dotted"},
+      {"[access]\nsip_user = []\n", "f.toml:2: access.sip_user: unknown key"},
+      {"[access]\ncm_users = 'root'\n", "f.toml:2: access.cm_users: must be an array, is a string"},
+      {"[access]\ncc_users = [ 'root',\n 1001 ]\n", "f.toml:3: access.cc_users: must be a string, is an integer"},
+      {"[access]\ncgi_users = [ '-1' ]\n", "f.toml:2: access.cgi_users: \"-1\" is not a user of this system"},
+      {"[access]\nq113_users = [ '4294967295' ]\n", "f.toml:2: access.q113_users: \"4294967295\" is not a user"},
+  };
   for (const auto& [text, error] : cases) {
     const ConfigResult result = ParseConfig(text, "f.toml");
     EXPECT_FALSE(result.settings.has_value()) << text;

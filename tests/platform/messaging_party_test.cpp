@@ -1,5 +1,10 @@
-#include <atomic>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+
+#include "platform/messaging/queue_users.h"
 #include "tests/platform/messaging_fixture.h"
 
 using namespace messaging_test;
@@ -126,6 +131,75 @@ TEST_F(PartyTest, QuietQueuesAreServedWhileAnotherIsFlooded) {
     m_loop->RunUntil([&] { return quiet.requests.size() == round && calm.requests.size() == round; });
     EXPECT_LE(busy.requests.size() - before, 2U) << "one turn of the flooded queue a round";
   }
+}
+
+TEST_F(PartyTest, AQueueIsForItsUsersOnlyAndTheHolderIsNamed) {
+  using messaging::QueueUsers;
+  const uid_t users[QueueUsers::kMax + 1] = {::geteuid() + 1};
+  EXPECT_EQ(QueueUsers::Limit(112, users, QueueUsers::kMax + 1), E2BIG);
+  EXPECT_EQ(QueueUsers::Limit(111, users, 1), EINVAL);
+  m_loop->Open(112);
+  const std::string who = std::to_string(::getpid()) + ", user " + std::to_string(::geteuid()) + ", program ";
+  const std::string user = "user " + std::to_string(::geteuid());
+  natclient* none = nullptr;
+  const auto opened = [&] {
+    const std::jthread agent([this] { m_loop->Step(); });
+    return natclient_open(&none, nullptr, NATCLIENT_SIP, 10000);
+  };
+  const auto limited = [&] {
+    EXPECT_EQ(QueueUsers::Limit(112, nullptr, 0), 0);
+    EXPECT_EQ(opened(), -EPERM);
+    EXPECT_EQ(QueueUsers::Limit(112, users, 1), 0);
+    Party stranger(NATCLIENT_SIP);
+    EXPECT_EQ(stranger.Close(1), 0);
+    m_loop->Settle();
+    EXPECT_EQ(stranger.Told(), (Lines{"refused 0 9", "hang_up"}));
+    EXPECT_EQ(QueueUsers::Limit(112, nullptr, QueueUsers::kEveryone), 0);
+  };
+  const std::string refused = "queue 112 (sip) refused " + user + ", who is not among its users\n";
+  EXPECT_EQ(Journal(limited), refused + refused);
+  const auto taken = [&] {
+    const Party party(NATCLIENT_SIP);
+    m_loop->Settle();
+    EXPECT_EQ(opened(), -EBUSY);
+  };
+  const std::string connected = Journal(taken);
+  EXPECT_TRUE(connected.starts_with("the party of queue 112 (sip) connected: process " + who)) << connected;
+  const std::string hungUp = Journal([this] { m_loop->Settle(); });
+  EXPECT_TRUE(hungUp.starts_with("the party of queue 112 (sip) hung up: process " + who)) << hungUp;
+}
+
+TEST_F(PartyTest, AStormOfPeersFindsPlaceAndEveryOneItsRefusal) {
+  m_loop->Open(112);
+  const Party first(NATCLIENT_SIP);
+  m_loop->Settle();
+  std::list<Party> storm;
+  for (int i = 0; i < 128; ++i) {
+    storm.emplace_back(NATCLIENT_SIP);
+  }
+  m_loop->Settle();
+  for (Party& peer : storm) {
+    EXPECT_EQ(peer.Told(), (Lines{"refused 0 1", "hang_up"}));
+  }
+}
+
+TEST_F(PartyTest, AListenerWithoutDescriptorsRestsAndComesBackByItself) {
+  m_loop->Open(112);
+  Party party(NATCLIENT_SIP);
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none{0, before.rlim_max};
+  const std::string journal = Journal([&] {
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(m_loop->Step(), 112);
+    EXPECT_TRUE(m_loop->IsIdle());
+    EXPECT_EQ(m_loop->Step(), 112) << "it tries again";
+    EXPECT_TRUE(m_loop->IsIdle());
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  });
+  EXPECT_EQ(journal, "cannot take in a peer at " + m_dir + "/queue-112: Too many open files\n");
+  EXPECT_EQ(m_loop->Step(), 112);
+  EXPECT_EQ(party.Told(), Lines{"welcome"});
 }
 
 }  // namespace

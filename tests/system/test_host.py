@@ -2,6 +2,7 @@
 and how the programs end."""
 
 import os
+import pwd
 import socket
 import subprocess
 import unittest
@@ -50,6 +51,39 @@ class Host(silent_dns.SilentDnsTest):
                 result = bed.run(*self.dev.command(*command), check=False)
                 self.assertEqual(result.returncode, code, result.stdout + result.stderr)
                 self.assertIn(text, result.stderr if code else result.stdout)
+
+    def test_a_lost_directory_ends_the_daemon_and_leaves_its_successor_alone(self):
+        first = self.started(bed.Daemon(self.dev, self.directory, configs.STATIC))
+        first.said("ready")
+        first.runtime.rename(f"{self.directory}/moved")
+        second = self.daemon(configs.STATIC)
+        self.assertEqual(first.wait(), 1)
+        first.said(f"{first.runtime} was removed, renamed or replaced")
+        self.natctl(second).connect("sip", "cgi")
+
+    def test_who_connects(self):
+        daemon = self.daemon(configs.STATIC + '[access]\nsip_users = ["nobody"]\n')
+        ask = (bed.NATCTL, "--runtime-dir", daemon.runtime, "cs", "sip", "10.77.0.1", "10.77.0.2:5060")
+        result = bed.run(*ask, check=False)
+        self.assertEqual((result.returncode, result.stderr), (3, "natctl: sip: refused: user 0 may not use queue 112\n"))
+        # The mode of the socket and of its directory let everybody in; the list does not.
+        os.chmod(self.directory, 0o755)
+        os.chmod(daemon.runtime / "queue-112", 0o666)
+        connect = ("import socket, sys; s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET);"
+                   "s.settimeout(20); s.connect(sys.argv[1]); print(hex(s.recv(4096)[6]))")
+        command = ["/usr/bin/python3", "-c", connect, daemon.runtime / "queue-112"]
+
+        def first_frame_of(user):
+            return subprocess.run(command, user=user, group=user, extra_groups=[], check=True, capture_output=True,
+                                  text=True, timeout=bed.DEADLINE).stdout.strip()
+
+        nobody = pwd.getpwnam("nobody").pw_uid
+        self.assertEqual(first_frame_of(nobody), "0x90")
+        daemon.said(f"user {nobody}, program python3")
+        daemon.reload(configs.STATIC + '[access]\nsip_users = ["0"]\n')
+        daemon.said("changed to")
+        self.assertEqual(first_frame_of(nobody), "0x92")
+        self.assertEqual(bed.run(*ask).returncode, 0)
 
     @unittest.skipUnless(os.environ.get("NATAGENT_SYSTEMD", "1") == "1", "built without libsystemd")
     def test_tells_the_service_manager(self):
