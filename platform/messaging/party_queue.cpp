@@ -18,14 +18,26 @@ PartyQueue::PartyQueue(int number, FrameWay way) : m_number(number), m_way(way) 
     JournalError("queue " + std::to_string(number) + " is open in this process already");
     return;
   }
-  if (!lease->IsHeld()) return;
+  try {
+    if (lease->IsHeld()) {
+      Open(*lease);
+    }
+  } catch (...) {
+    messaging::QueueRegistry::Leave(*this);
+    throw;
+  }
+}
+
+void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
   if (m_inbox.Doorbell() < 0) {
-    JournalError("queue " + std::to_string(number) + " stays closed: no eventfd can be made for its notices");
+    JournalError("queue " + std::to_string(m_number) + " stays closed: no eventfd can be made for its notices");
     return;
   }
-  m_socket.emplace(*lease, number);
-  if (!m_socket->IsOpen()) m_socket.reset();
   m_buffer.resize(messaging::MaxFrameBytes() + 1);
+  m_socket.emplace(lease, m_number);
+  if (!m_socket->IsOpen()) {
+    m_socket.reset();
+  }
 }
 
 PartyQueue::~PartyQueue() {
@@ -82,12 +94,17 @@ bool PartyQueue::Adopt() {
   m_peer = m_socket->Accept();
   if (!m_peer) return false;
   m_peerReads = true;
-  if (m_epoll && !AddToEpoll(m_peer.Get(), PEER)) {
+  try {
+    if (m_epoll && !AddToEpoll(m_peer.Get(), PEER)) {
+      m_peer.Reset();
+      return false;
+    }
+    Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
+    SendFrame();
+  } catch (...) {
     m_peer.Reset();
-    return false;
+    throw;
   }
-  Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
-  SendFrame();
   m_inbox.SetPartyOnline(true);
   return true;
 }
