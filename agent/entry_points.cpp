@@ -1,9 +1,8 @@
-#include <exception>
-#include <string>
+#include <atomic>
 
+#include "agent/faults.h"
 #include "agent/library_state.h"
 #include "agent/nat_agent.h"
-#include "platform/journal.h"
 #include "platform/loader/library_entry.h"
 #include "platform/stunutils/stun_logger.h"
 #include "platform/vxsysutils/thread.h"
@@ -21,10 +20,38 @@ constexpr unsigned long kAgentWaitMs = 10000;
 constexpr unsigned short kNatSettingsChanged = 0x0080 | 0x0100 | 0x0200 | 0x0400;
 constexpr unsigned short kStunSettingsChanged = 0x2000;
 
+// Agent threads that have been asked for and have not ended: a stop request may still be theirs.
+std::atomic<int> s_agentThreads = 0;
+
 unsigned long NatAgentThread(void*) {
-  _NatAgent.Init();
-  _NatAgent.Start();
+  Contain("the agent thread ends", [] {
+    _NatAgent.Init();
+    _NatAgent.Start();
+  });
+  --s_agentThreads;
   return 0;
+}
+
+void BeginAgentThread() {
+  StunLogger::Create();
+  if (s_agentThreads == 0) {
+    _NatAgent.ForgetStopRequest();
+  }
+  ++s_agentThreads;
+  g_agentThread = Thread::BeginThread(NatAgentThread, nullptr, 0);
+  if (g_agentThread == nullptr) {
+    --s_agentThreads;
+  }
+}
+
+void EndAgentThread() {
+  _NatAgent.RequestStop();
+  Thread::WaitForThread(g_agentThread, kAgentWaitMs, nullptr);
+  g_agentThread = nullptr;
+  if (s_agentThreads == 0) {
+    _NatAgent.ForgetStopRequest();  // the loop had ended before
+  }
+  StunLogger::Destroy();
 }
 
 void ApplyChanges(unsigned short changes) {
@@ -45,7 +72,7 @@ void ApplyChanges(unsigned short changes) {
 
 int LibraryEntry(void* module, unsigned long reason) {
   if (reason == kLibraryAttached) {
-    DisableThreadLibraryCalls(module);
+    Contain("the library's load is not noted", [module] { DisableThreadLibraryCalls(module); });
   }
   return 1;
 }
@@ -55,29 +82,20 @@ void NatMain(void* configSource) {
     return;
   }
   g_configSource = static_cast<ConfigSource*>(configSource);
-  StunLogger::Create();
-  _NatAgent.ForgetStopRequest();
-  g_agentThread = Thread::BeginThread(NatAgentThread, nullptr, 0);
+  Contain("the agent is not started", BeginAgentThread);
 }
 
 void StopNatMain() {
   if (g_agentThread == nullptr) {
     return;
   }
-  _NatAgent.RequestStop();
-  Thread::WaitForThread(g_agentThread, kAgentWaitMs, nullptr);
-  g_agentThread = nullptr;
-  StunLogger::Destroy();
+  Contain("the agent is not stopped", EndAgentThread);
 }
 
 void UpdateNatMain(unsigned short changes) {
   if (g_agentThread == nullptr) {
     return;
   }
-  try {
-    ApplyChanges(changes);
-  } catch (const std::exception& fault) {
-    // Out of memory, or the host's own fault in GetConfig: what was loaded until then stays.
-    JournalError(std::string("the changed settings were not loaded: ") + fault.what());
-  }
+  // What was loaded until a fault stays.
+  Contain("the changed settings were not loaded", [changes] { ApplyChanges(changes); });
 }

@@ -1,5 +1,6 @@
 #include "agent/nat_agent.h"
 
+#include "agent/faults.h"
 #include "agent/library_state.h"
 #include "messaging/nat_agent_messenger.h"
 #include "platform/vxsysutils/thread.h"
@@ -23,10 +24,10 @@ NatAgent::NatAgent()
       m_routeChanged(false),
       m_namesResolved(false),
       m_running(false) {
-  {
+  Contain("the uplink is not looked up yet", [this] {
     ScopedLock lock(g_settingsLock);
     GetUpLinkIp();
-  }
+  });
   m_resolveEvent.Create(0, 1);
 }
 
@@ -37,6 +38,7 @@ NatAgent::~NatAgent() {
     Thread::WaitForThread(g_agentThread, kAgentWaitMs, nullptr);
     g_agentThread = nullptr;
   }
+  Thread::WaitForAbandoned(kAgentWaitMs);  // their code goes with the library
   Stop();
   m_resolveEvent.Destroy();
 }
@@ -48,17 +50,22 @@ bool NatAgent::Start() {
     return true;
   }
   m_running = true;
-  CreateParts();
-  if (m_namesResolved || m_routeChanged) {
-    m_messenger->Wake();  // what came behind the last turn of the run before
+  bool ran = false;
+  Contain("the agent cannot run", [this, &ran] {
+    CreateParts();
+    if (m_namesResolved || m_routeChanged) {
+      m_messenger->Wake();  // what came behind the last turn of the run before
+    }
+    StartWorkers();
+    m_log->Trace("Starting Nat Agent Messenger\r\n", kLogOrdinary);
+    ran = m_messenger->Run();  // it has stopped the agent: the messenger and the log are gone
+  });
+  if (!ran) {
+    Log().Trace("Error Can't Start Nat Agent Messenger\r\n", kLogOrdinary);
+    Stop();
   }
-  StartWorkers();
-  m_log->Trace("Starting Nat Agent Messenger\r\n", kLogOrdinary);
-  if (m_messenger->Run()) {  // it has stopped the agent: the messenger and the log are gone
-    return true;
-  }
-  Log().Trace("Error Can't Start Nat Agent Messenger\r\n", kLogOrdinary);
-  return false;
+  ForgetStopRequest();  // it was this run's
+  return ran;
 }
 
 bool NatAgent::Stop() {
@@ -85,7 +92,7 @@ void NatAgent::CreateParts() {
   m_configManager = new NatConfigManager;
   m_messenger = new NatAgentMessenger;
   ScopedLock runLock(m_runMutex);
-  m_run = std::make_shared<RunLink>(*m_messenger, *m_log);
+  m_run = std::make_shared<RunLink>(*this, *m_messenger, *m_log);
 }
 
 void NatAgent::DestroyParts() {
@@ -112,14 +119,23 @@ void NatAgent::DestroyParts() {
 }
 
 void NatAgent::StartWorkers() {
-  m_ipWatchThread = Thread::BeginThread(IpUpDownInformer, this, 0);
+  m_ipWatchThread = BeginWorker(IpUpDownInformer);
   if (m_ipWatchThread == nullptr) {
     m_log->Trace("Error Can't Start IpUpDownInformer\r\n", kLogOrdinary);
   }
-  m_resolverThread = Thread::BeginThread(HostNameResolver, this, 0);
+  m_resolverThread = BeginWorker(HostNameResolver);
   if (m_resolverThread == nullptr) {
     m_log->Trace("Error Can't Start HostNameResolver\r\n", kLogOrdinary);
   }
+}
+
+void* NatAgent::BeginWorker(unsigned long (*function)(void*)) {
+  auto run = std::make_unique<std::shared_ptr<RunLink>>(CurrentRun());
+  void* const thread = Thread::BeginThread(function, run.get(), 0);
+  if (thread != nullptr) {
+    static_cast<void>(run.release());  // the thread's now
+  }
+  return thread;
 }
 
 void NatAgent::StopWorkers() {

@@ -37,7 +37,8 @@ class NATAGENT_EXPORT NatAgent {
   NatAgent& operator=(const NatAgent&) = delete;
 
   bool Init();
-  // Brings the agent up and runs the main loop; returns when the agent has stopped. False when the loop could not run.
+  // Brings the agent up and runs the main loop; returns when the agent has stopped. False when the loop could not run:
+  // the journal says why, nothing is left behind, and the next Start tries again.
   bool Start();
   // Takes the agent down. On the agent thread after the main loop, or without one. Always true.
   bool Stop();
@@ -46,7 +47,7 @@ class NATAGENT_EXPORT NatAgent {
   bool StopMessenger();
   // The same for a loop that may not have begun yet: it then ends at its first turn. Any thread.
   void RequestStop();
-  // Takes a request back, before a new start. Only while no agent thread runs.
+  // Takes a request back: the run that it was for has ended.
   void ForgetStopRequest() { m_stopRequested = false; }
   bool IsStopRequested() const { return m_stopRequested; }
 
@@ -106,26 +107,33 @@ class NATAGENT_EXPORT NatAgent {
   NatAgentMessenger* m_messenger;  // agent thread; other threads reach it through m_run
 
  private:
-  friend unsigned long IpUpDownInformer(void* agent);
-  friend unsigned long HostNameResolver(void* agent);
+  friend unsigned long IpUpDownInformer(void* run);
+  friend unsigned long HostNameResolver(void* run);
 
   NatCAMessenger* ChannelOf(const CA_PROTO& proto);
+  // Answers a request whose name has been looked up, whatever is thrown meanwhile.
+  void Reissue(const ResolveQuery& query, u32 address) NAT_REQUIRES(g_settingsLock);
+  // Compares the uplink's address with the route's and reacts.
+  void FollowUplink() NAT_REQUIRES(g_settingsLock);
   // The current run, or none. Any thread.
   std::shared_ptr<RunLink> CurrentRun();
   // The run's parts, made in order; and destroyed.
   void CreateParts();
   void DestroyParts();
   void StartWorkers();
+  // Starts a thread whose argument is the current run; null when there is none.
+  void* BeginWorker(unsigned long (*function)(void*));
   void StopWorkers();
 
   RouteHelper m_routeHelper;
+  ThreadMutex m_watchMutex;  // held while route changes are waited for
   ReverseNatManager m_reverseNat;
 
  public:
   std::atomic<u32> m_upLinkIp;  // network byte order; 0: unknown
 
  private:
-  std::list<std::string> m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);  // oldest first
+  std::list<ResolvedName> m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);  // oldest first
   ThreadEvent m_resolveEvent;
   void* m_resolverThread;
   void* m_ipWatchThread;
@@ -142,8 +150,9 @@ class NATAGENT_EXPORT NatAgent {
   std::shared_ptr<RunLink> m_run NAT_GUARDED_BY(m_runMutex);
 };
 
-// The worker threads' functions; the argument is the agent.
-unsigned long IpUpDownInformer(void* agent);
-unsigned long HostNameResolver(void* agent);
+// The worker threads' functions. The argument is the run that the thread was started for (RunLink::Take), and through
+// it the agent: a thread whose first step comes after its run has ended must not take part in the next one.
+unsigned long IpUpDownInformer(void* run);
+unsigned long HostNameResolver(void* run);
 
 extern NATAGENT_EXPORT NatAgent _NatAgent;

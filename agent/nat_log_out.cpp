@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 
+#include "agent/faults.h"
 #include "agent/log_text.h"
 
 namespace {
@@ -11,6 +12,8 @@ constexpr int kMaxBytes = 204800;
 constexpr int kKeepFiles = 2;
 constexpr unsigned int kBufferBytes = 2048;
 
+constexpr char kLost[] = "a text of the log is lost";
+
 }  // namespace
 
 NatLogOut::NatLogOut(const char* fileName)
@@ -18,25 +21,33 @@ NatLogOut::NatLogOut(const char* fileName)
 
 NatLogOut::~NatLogOut() = default;
 
-void NatLogOut::Trace(const char* text, u8 level) { m_stream.TRACE(text, kCategory, level); }
+void NatLogOut::Trace(const char* text, u8 level) noexcept {
+  Contain(kLost, [&] { m_stream.TRACE(text, kCategory, level); });
+}
 
-void NatLogOut::TraceFormat(const char* format, ...) {
+void NatLogOut::TraceFormat(const char* format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
-  m_stream.TRACE(kCategory, format, arguments, kLogOrdinary);
+  Contain(kLost, [&] { m_stream.TRACE(kCategory, format, arguments, kLogOrdinary); });
   va_end(arguments);
 }
 
-void NatLogOut::TraceFormatLevel(u8 level, const char* format, ...) {
+void NatLogOut::TraceFormatLevel(u8 level, const char* format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
-  m_stream.TRACE(kCategory, format, arguments, level);
+  Contain(kLost, [&] { m_stream.TRACE(kCategory, format, arguments, level); });
   va_end(arguments);
 }
 
-void NatLogOut::TraceNumber(const char* label, u64 number) {
-  m_text = label;
-  AppendNumber(m_text, number);
-  m_text += "\r\n";
-  Trace(m_text.c_str(), kLogOrdinary);
+void NatLogOut::Flush() noexcept {
+  Contain(kLost, [this] { m_stream.Flush(); });
+}
+
+void NatLogOut::TraceNumber(const char* label, u64 number) noexcept {
+  Contain(kLost, [&] {
+    m_text = label;
+    AppendNumber(m_text, number);
+    m_text += "\r\n";
+    Trace(m_text.c_str(), kLogOrdinary);
+  });
 }

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <stop_token>
 
 #include "agent/nat_log_out.h"
 #include "platform/thread_safety.h"
 #include "platform/vxsysutils/thread_mutex.h"
 
+class NatAgent;
 class NatAgentMessenger;
 
 // What the threads outside the main loop may touch of one run of the agent, from Start to Stop. It outlives the run for
@@ -13,9 +15,14 @@ class NatAgentMessenger;
 // destroyed parts nor come back to life in a later run. Any thread.
 class RunLink {
  public:
-  RunLink(NatAgentMessenger& messenger, NatLogOut& log) : m_messenger(&messenger), m_log(&log) {}
+  RunLink(NatAgent& agent, NatAgentMessenger& messenger, NatLogOut& log)
+      : m_agent(agent), m_messenger(&messenger), m_log(&log) {}
   RunLink(const RunLink&) = delete;
   RunLink& operator=(const RunLink&) = delete;
+
+  // The run that was handed to a thread as its argument (NatAgent::BeginWorker). Once.
+  static std::shared_ptr<RunLink> Take(void* argument);
+  NatAgent& Agent() const { return m_agent; }
 
   // The run's workers go on while this is true. End clears it.
   bool Running() const { return !m_stop.stop_requested(); }
@@ -31,8 +38,10 @@ class RunLink {
 
   // Before the messenger and the log are destroyed.
   void Close() NAT_EXCLUDES(m_mutex);
+  bool Closed() NAT_EXCLUDES(m_mutex);
 
  private:
+  NatAgent& m_agent;
   std::stop_source m_stop;
 
   ThreadMutex m_mutex;

@@ -1,23 +1,26 @@
 // The uplink address: one thread waits for route changes and flags them; comparing and reacting is the main loop's.
 
+#include "agent/faults.h"
 #include "agent/nat_agent.h"
 
-unsigned long IpUpDownInformer(void* agent) {
-  NatAgent& self = *static_cast<NatAgent*>(agent);
-  const auto run = self.CurrentRun();
-  if (!run) {
-    return 0;
-  }
+unsigned long IpUpDownInformer(void* argument) {
+  const auto run = RunLink::Take(argument);
+  NatAgent& self = run->Agent();
   run->Trace("Starting IpUpDownInformer Thread\r\n");
-  // Waits also when the run has ended already: what ends the last wait is then not left over for the next run.
-  for (;;) {
-    self.m_routeHelper.NotifyRouteChange();
+  while (!run->Closed()) {
+    ScopedLock lock(self.m_watchMutex);
+    if (run->Closed()) {
+      break;  // late: the waits are those of the next run
+    }
+    // Waits also when the run has ended already: what ends the last wait is then not left over for the next run.
+    Contain("route changes are not waited for", [&self] { self.m_routeHelper.NotifyRouteChange(); });
     if (!run->Running()) {
-      return 0;  // the run's end, not a change; one that came with it is the next wait's
+      break;  // the run's end, not a change; one that came with it is the next wait's
     }
     self.m_routeChanged = true;
     run->Wake();
   }
+  return 0;
 }
 
 unsigned long NatAgent::GetUpLinkIp() {
@@ -36,6 +39,18 @@ bool NatAgent::CheckIpChanges() {
     return false;
   }
   m_routeChanged = false;
+  const u32 before = m_upLinkIp;
+  try {
+    FollowUplink();
+  } catch (...) {
+    m_upLinkIp = before;  // the change is handled again
+    m_routeChanged = true;
+    throw;
+  }
+  return true;
+}
+
+void NatAgent::FollowUplink() {
   u32 address = 0;
   u32 viaGateway = 0;
   const bool found = m_routeHelper.GetOutInterface(0, address, viaGateway);
@@ -51,5 +66,4 @@ bool NatAgent::CheckIpChanges() {
     // Forgotten, so that the loss is handled once and its return, also with this address, counts as coming up.
     m_upLinkIp = 0;
   }
-  return true;
 }

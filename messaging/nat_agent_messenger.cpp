@@ -1,5 +1,6 @@
 #include "messaging/nat_agent_messenger.h"
 
+#include "agent/faults.h"
 #include "agent/nat_agent.h"
 
 namespace {
@@ -11,6 +12,19 @@ constexpr int kCcQueue = 115;
 constexpr int kCgiQueue = 102;
 constexpr int kPollerValue = 56;
 constexpr char kQueuePath[] = "/bin/ping";
+
+// A turn's lines go to the file together, whatever ends the turn, and before the settings lock is given up: the lines
+// of a reload that comes next are in the file when the reload is over.
+class HeldLog {
+ public:
+  explicit HeldLog(NatLogOut& log) : m_log(log) { m_log.Hold(); }
+  ~HeldLog() { m_log.Flush(); }
+  HeldLog(const HeldLog&) = delete;
+  HeldLog& operator=(const HeldLog&) = delete;
+
+ private:
+  NatLogOut& m_log;
+};
 
 }  // namespace
 
@@ -56,35 +70,39 @@ void NatAgentMessenger::AnnounceOnlineParties() {
 }
 
 void NatAgentMessenger::Turn(int queue) {
-  NatLogOut& log = _NatAgent.Log();
-  log.Hold();
-  {
-    ScopedLock lock(g_settingsLock);
-    switch (queue) {
-      case -1:
-        _NatAgent.CheckIsResolvedHostName();
-        _NatAgent.CheckIpChanges();
-        break;
-      case kCgiQueue:
-        m_cgiChannel.ProcessMessageFromQueue(1);
-        break;
-      case kSipQueue:
-        m_channel112.ProcessMessageFromQueue(1);
-        break;
-      case kQueue113:
-        m_channel113.ProcessMessageFromQueue(1);
-        break;
-      case kCmQueue:
-        m_channel114.ProcessMessageFromQueue(1);
-        break;
-      case kCcQueue:
-        m_channel115.ProcessMessageFromQueue(1);
-        break;
-      default:
-        break;
-    }
+  ScopedLock lock(g_settingsLock);
+  const HeldLog held(_NatAgent.Log());
+  try {
+    Dispatch(queue);
+  } catch (...) {
+    ReportFault("a turn of the main loop was not finished");
   }
-  log.Flush();
+}
+
+void NatAgentMessenger::Dispatch(int queue) {
+  switch (queue) {
+    case -1:
+      _NatAgent.CheckIsResolvedHostName();
+      _NatAgent.CheckIpChanges();
+      break;
+    case kCgiQueue:
+      m_cgiChannel.ProcessMessageFromQueue(1);
+      break;
+    case kSipQueue:
+      m_channel112.ProcessMessageFromQueue(1);
+      break;
+    case kQueue113:
+      m_channel113.ProcessMessageFromQueue(1);
+      break;
+    case kCmQueue:
+      m_channel114.ProcessMessageFromQueue(1);
+      break;
+    case kCcQueue:
+      m_channel115.ProcessMessageFromQueue(1);
+      break;
+    default:
+      break;
+  }
 }
 
 bool NatAgentMessenger::Stop() {

@@ -31,7 +31,9 @@ class NatAgentMessenger {
  private:
   void SelectQueues();
   void AnnounceOnlineParties();
+  // One turn after the wait. What is thrown in it ends the turn, not the loop.
   void Turn(int queue);
+  void Dispatch(int queue) NAT_REQUIRES(g_settingsLock);
 
   NatCAMessenger m_channel112;
   NatCAMessenger m_channel113;

@@ -100,10 +100,10 @@ bool QorMappingStorage::Unload(const CA_PROTO& proto) {
 // --- gateway interfaces ---
 
 bool QorMappingStorage::AddGw(const NatMappings& mappings) {
+  gateways.push_back(mappings);  // first, so that what STUN was started for is let go with it
   if (mappings.mode == MAP_STUN) {
     AddStunPorts(mappings, CA_PROTO_CC);
   }
-  gateways.push_back(mappings);
   return true;
 }
 

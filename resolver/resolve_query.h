@@ -5,10 +5,10 @@
 
 #include "nat/nat_records.h"
 
-// A name the resolver thread has looked up.
+// A name that the resolver thread is to look up, or has looked up.
 struct ResolvedName {
   std::string hostName;  // as it was queued
-  u32 address = 0;       // network byte order; 0 when the look-up failed
+  u32 address = 0;       // network byte order; 0 before the look-up, and when it failed
 };
 
 // A request that waits for its destination's name.

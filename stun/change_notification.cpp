@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "agent/faults.h"
 #include "agent/log_text.h"
 #include "agent/nat_agent.h"
 #include "platform/messaging/cfg_update_messenger.h"
@@ -18,7 +19,9 @@ void OnChangedPorts(void*, std::list<std::pair<u16, u16>>& changedPorts) {
 
 bool NatAgent::NotifyToCSNatChanges(const CA_PROTO& proto) {
   Log().TraceFormat("\r\n%sCS Nat port changes trying NotifyTo %s\r\n%s", kRule, GetCAProtoName(proto), kRule);
-  CfgUpdateMessenger messenger(0);
-  messenger.SendMessageA(proto == CA_PROTO_SIP ? UPDATE_SIP_NAT_PORTS : UPDATE_OTHER_NAT_PORTS, {}, false);
+  Contain("call agents are not told that mappings changed", [&] {
+    CfgUpdateMessenger messenger(0);
+    messenger.SendMessageA(proto == CA_PROTO_SIP ? UPDATE_SIP_NAT_PORTS : UPDATE_OTHER_NAT_PORTS, {}, false);
+  });
   return true;
 }

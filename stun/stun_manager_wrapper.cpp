@@ -1,5 +1,6 @@
 #include "stun/stun_manager_wrapper.h"
 
+#include "agent/faults.h"
 #include "agent/log_text.h"
 #include "agent/nat_agent.h"
 #include "platform/stunutils/stun_logger.h"
@@ -42,7 +43,7 @@ bool StunManagerWrapper::StartFirst() {
     if (StartManager()) {
       return true;
     }
-  } catch (...) {  // of the host's record, or for want of memory: the next use begins anew all the same
+  } catch (...) {  // GetConfig or an allocation threw: undo, so that the next use tries again
     DropManager();
     throw;
   }
@@ -77,6 +78,16 @@ void StunManagerWrapper::DropManager() {
   m_manager.reset();
 }
 
+void StunManagerWrapper::EndManager(bool forGood) {
+  m_stunRunning = false;
+  Contain("STUN is not stopped cleanly", [manager = m_manager.get(), forGood] {
+    manager->RemoveAllPorts();
+    manager->Stop(forGood);
+  });
+  m_manager.reset();
+  StunLogger::Destroy();
+}
+
 bool StunManagerWrapper::Release() {
   if (m_useCount == 0) {
     return true;  // the mapping's Start had failed
@@ -86,11 +97,7 @@ bool StunManagerWrapper::Release() {
     return true;
   }
   _NatAgent.Log().Trace("Stoping Stun agent\r\n", kLogOrdinary);
-  m_stunRunning = false;
-  m_manager->RemoveAllPorts();
-  m_manager->Stop(false);
-  m_manager.reset();
-  StunLogger::Destroy();
+  EndManager(false);
   return true;
 }
 
@@ -98,12 +105,8 @@ bool StunManagerWrapper::Stop() {
   if (!m_stunRunning) {
     return false;
   }
-  m_stunRunning = false;
   m_useCount = 0;
-  m_manager->RemoveAllPorts();
-  m_manager->Stop(true);
-  m_manager.reset();
-  StunLogger::Destroy();
+  EndManager(true);
   return true;
 }
 

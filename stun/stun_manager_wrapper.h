@@ -56,6 +56,8 @@ class StunManagerWrapper {
   bool StartFirst() NAT_REQUIRES(g_settingsLock);
   bool StartManager() NAT_REQUIRES(g_settingsLock);
   void DropManager() NAT_REQUIRES(g_settingsLock);
+  // Also when the manager throws meanwhile.
+  void EndManager(bool forGood) NAT_REQUIRES(g_settingsLock);
 
   std::unique_ptr<StunManager> m_manager NAT_GUARDED_BY(g_settingsLock);
   u16 m_useCount NAT_GUARDED_BY(g_settingsLock) = 0;

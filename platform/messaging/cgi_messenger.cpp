@@ -1,6 +1,7 @@
 #include "platform/messaging/cgi_messenger.h"
 
 #include <cassert>
+#include <utility>
 
 #include "platform/messaging/party_queue.h"
 
@@ -22,7 +23,14 @@ bool CGIMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
     const messaging::Frame& update = m_queue->Message();
     m_updateId = update.queryId;
     m_updateFromParty = turn == PartyQueue::Turn::MESSAGE;
-    OnUpdate(static_cast<UpdateType>(update.updateType), update.texts, update.value);
+    try {
+      OnUpdate(static_cast<UpdateType>(update.updateType), update.texts, update.value);
+    } catch (...) {
+      if (std::exchange(m_updateFromParty, false)) {
+        m_queue->GiveUpParty();  // it would wait for its acknowledgement
+      }
+      throw;
+    }
     m_updateFromParty = false;
   }
   return turn != PartyQueue::Turn::IDLE;

@@ -41,7 +41,8 @@ struct CyclicQueuePoller::Impl {
   const UniqueFd wakeUp{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 
   // The waiting thread's. The queues share the epoll instance, since they know best what to watch.
-  const std::shared_ptr<const UniqueFd> epoll = std::make_shared<const UniqueFd>(::epoll_create1(EPOLL_CLOEXEC));
+  const std::shared_ptr<const UniqueFd> epoll =
+      std::make_shared<const UniqueFd>(UniqueFd(::epoll_create1(EPOLL_CLOEXEC)));
   std::vector<Selected> queues;
   std::size_t next = 0;
 };

@@ -16,6 +16,7 @@ std::shared_ptr<LateRequests> LateRequests::Shared() {
 void LateRequests::Handle(PartyQueue* queue) {
   m_handled = queue;
   m_resumed.reset();
+  m_open = queue != nullptr;
 }
 
 u64 LateRequests::Keep() {
@@ -23,16 +24,23 @@ u64 LateRequests::Keep() {
   static constinit u64 s_lastTicket = 0;
   if (m_handled == nullptr) return 0;
   m_requests.emplace(++s_lastTicket, Request{m_handled, false});
+  m_open = false;
   HoldBack(*m_handled);
   return s_lastTicket;
 }
 
 void LateRequests::Resume(u64 ticket) {
-  if (ticket != 0) m_resumed = ticket;
+  if (ticket == 0) {
+    return;
+  }
+  m_resumed = ticket;
+  const auto found = m_requests.find(ticket);
+  m_open = found != m_requests.end() && !found->second.orphaned;
 }
 
 void LateRequests::Finish(u64 ticket) {
   m_resumed.reset();
+  m_open = false;
   const auto found = m_requests.find(ticket);
   if (found == m_requests.end()) return;
   PartyQueue& queue = *found->second.queue;

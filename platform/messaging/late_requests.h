@@ -33,6 +33,11 @@ class LateRequests {
   // It waits no more, answered or not.
   void Finish(u64 ticket);
 
+  // The request in hand, handled or resumed, has been answered.
+  void Answered() { m_open = false; }
+  // Whether it still needs an answer: neither answered nor kept, and its party is there.
+  bool IsOpen() const { return m_open; }
+
   // Whether an answer that is sent now is for the queue's present party: not so when who asked is gone.
   bool IsForParty(const PartyQueue& queue) const;
 
@@ -53,6 +58,7 @@ class LateRequests {
   std::map<u64, Request> m_requests;  // by their tickets
   PartyQueue* m_handled = nullptr;
   std::optional<u64> m_resumed;
+  bool m_open = false;
 };
 
 }  // namespace messaging

@@ -24,6 +24,18 @@ CA_PROTO ProtocolOf(u32 queue) {
   }
 }
 
+// A request is in hand while this lives, also when its handler throws.
+class RequestInHand {
+ public:
+  explicit RequestInHand(PartyQueue& queue) : m_queue(queue) { m_queue.BeginRequest(); }
+  ~RequestInHand() { m_queue.EndRequest(); }
+  RequestInHand(const RequestInHand&) = delete;
+  RequestInHand& operator=(const RequestInHand&) = delete;
+
+ private:
+  PartyQueue& m_queue;
+};
+
 }  // namespace
 
 NatMessenger::NatMessenger(u32 queue)
@@ -41,8 +53,12 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   if (turn == PartyQueue::Turn::HUNG_UP) OnPartyStateChanged(false);
   if (turn != PartyQueue::Turn::MESSAGE) return turn != PartyQueue::Turn::IDLE;
 
-  const Frame& request = m_queue->Message();
-  m_queue->BeginRequest();
+  const RequestInHand inHand(*m_queue);
+  Dispatch(m_queue->Message());
+  return true;
+}
+
+void NatMessenger::Dispatch(const Frame& request) {
   switch (request.kind) {
     case FrameKind::CS_REQUEST:
       OnRequestCSNatMapping(request.queryId, request.text, request.items.front(),
@@ -63,8 +79,6 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
     default:
       assert(false && "the decoder lets only requests through");
   }
-  m_queue->EndRequest();
-  return true;
 }
 
 u64 NatMessenger::KeepRequest() { return LateRequests::Shared()->Keep(); }
@@ -72,6 +86,10 @@ u64 NatMessenger::KeepRequest() { return LateRequests::Shared()->Keep(); }
 void NatMessenger::ResumeRequest(u64 ticket) { LateRequests::Shared()->Resume(ticket); }
 
 void NatMessenger::FinishRequest(u64 ticket) { LateRequests::Shared()->Finish(ticket); }
+
+bool NatMessenger::IsRequestOpen() { return LateRequests::Shared()->IsOpen(); }
+
+void NatMessenger::HangUp() noexcept { m_queue->GiveUpParty(); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const NatItem& item, const NatFlag& flag, const u32& value) {
   Frame& answer = m_queue->Answer(FrameKind::CS_ANSWER, queryId, value);

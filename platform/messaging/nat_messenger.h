@@ -9,6 +9,10 @@
 
 class PartyQueue;
 
+namespace messaging {
+struct Frame;
+}
+
 // One call agent's queue: turns what arrives into calls of the virtual handlers and sends the answers back. A request
 // that is malformed in any way is answered with an error frame here and reaches no handler. All operations belong to
 // the one thread that processes the queues. A request that a handler does not answer is kept by it and
@@ -34,6 +38,12 @@ class NatMessenger {
   static void ResumeRequest(u64 ticket);
   static void FinishRequest(u64 ticket);
 
+  // Whether the request that is being handled, or was resumed, still needs an answer: it has neither been answered nor
+  // kept, and its party is there. For a handler that failed half-way.
+  static bool IsRequestOpen();
+  // Hangs up on the party, which then waits no longer for an answer that cannot be given. Throws nothing.
+  void HangUp() noexcept;
+
   // Sends an answer to the party, from within the request's handler or later. When it does not read, the answer is kept
   // and no further request of this party is taken until it has gone out. Returns 1, or 0 when the party that asked is
   // not connected any more (there is then nobody to answer).
@@ -58,5 +68,7 @@ class NatMessenger {
   CA_PROTO m_proto;
 
  private:
+  void Dispatch(const messaging::Frame& request);
+
   std::unique_ptr<PartyQueue> m_queue;
 };

@@ -20,8 +20,13 @@ PartyQueue::PartyQueue(int number, FrameWay way) : m_number(number), m_way(way) 
     JournalError("queue " + std::to_string(number) + " is open in this process already");
     return;
   }
-  Open(*lease);
-  messaging::QueueRegistry::SetSocket(*this, m_socket ? std::optional(m_socket->File()) : std::nullopt);
+  try {
+    Open(*lease);
+    messaging::QueueRegistry::SetSocket(*this, m_socket ? std::optional(m_socket->File()) : std::nullopt);
+  } catch (...) {
+    messaging::QueueRegistry::Leave(*this);
+    throw;
+  }
 }
 
 void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
@@ -32,11 +37,11 @@ void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
     JournalError("queue " + std::to_string(m_number) + " stays closed: no eventfd can be made for its notices");
     return;
   }
+  m_buffer.resize(messaging::MaxFrameBytes() + 1);
   m_socket.emplace(lease, m_number);
   if (!m_socket->IsOpen()) {
     m_socket.reset();
   }
-  m_buffer.resize(messaging::MaxFrameBytes() + 1);
 }
 
 PartyQueue::~PartyQueue() {
@@ -100,13 +105,18 @@ bool PartyQueue::Adopt() {
   m_party = std::move(from);
   m_peer = std::move(peer);
   m_peerReads = true;
-  if (m_epoll && !AddToEpoll(m_peer.Get(), PEER)) {
+  try {
+    if (m_epoll && !AddToEpoll(m_peer.Get(), PEER)) {
+      m_peer.Reset();
+      return false;
+    }
+    JournalNotice(line);
+    Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
+    SendFrame();
+  } catch (...) {
     m_peer.Reset();
-    return false;
+    throw;
   }
-  JournalNotice(line);
-  Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
-  SendFrame();
   m_inbox.SetPartyOnline(true);
   return true;
 }

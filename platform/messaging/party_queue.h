@@ -60,6 +60,9 @@ class PartyQueue {
   void BeginRequest() { m_late->Handle(this); }
   void EndRequest() { m_late->Handle(nullptr); }
 
+  // Hangs up on the party. What it has sent is still taken, and answers are dropped. Throws nothing.
+  void GiveUpParty() noexcept;
+
   // Whether requests of the party are left untaken: it stays the party meanwhile, even when it has hung up.
   void HoldBack(bool held);
 
@@ -83,6 +86,7 @@ class PartyQueue {
  private:
   friend class messaging::QueueRegistry;
 
+  void Open(const messaging::RuntimeDirLease& lease);
   unsigned AskReady() const;
   bool HasPeerHungUp() const;
   bool MakesWay() const;
@@ -93,6 +97,7 @@ class PartyQueue {
   void Rest();
   bool TakeOwnNotice();
   Turn Receive();  // only while no answer waits and the party is not held back
+  Turn TakePacket(std::string_view packet);
   bool IsEmptyPacket() const;
   void RefuseMessage(const messaging::FrameFault& fault);
   void HangUp();

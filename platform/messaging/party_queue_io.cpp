@@ -32,12 +32,31 @@ PartyQueue::Turn PartyQueue::Receive() {
       HangUp();
       return Turn::HUNG_UP;
     }
-    const std::string_view packet(m_buffer.data(), std::min(static_cast<std::size_t>(got), m_buffer.size()));
+    return TakePacket({m_buffer.data(), std::min(static_cast<std::size_t>(got), m_buffer.size())});
+  }
+}
+
+PartyQueue::Turn PartyQueue::TakePacket(std::string_view packet) {
+  try {
     messaging::FrameFault fault;
-    if (messaging::DecodeFrame(packet, m_way, m_message, fault)) return Turn::MESSAGE;
+    if (messaging::DecodeFrame(packet, m_way, m_message, fault)) {
+      return Turn::MESSAGE;
+    }
     RefuseMessage(fault);
     return Turn::DONE;
+  } catch (...) {
+    GiveUpParty();  // its message is lost
+    throw;
   }
+}
+
+void PartyQueue::GiveUpParty() noexcept {
+  if (!m_peer) {
+    return;
+  }
+  ::shutdown(m_peer.Get(), SHUT_RDWR);
+  m_peerReads = false;
+  m_waiting.clear();
 }
 
 // An empty packet and the end of the connection look alike to recv. Empty packets right before the end may count as
@@ -60,7 +79,11 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
   return m_answer;
 }
 
-bool PartyQueue::SendAnswer() { return m_late->IsForParty(*this) && SendFrame(); }
+bool PartyQueue::SendAnswer() {
+  const bool sent = m_late->IsForParty(*this) && SendFrame();
+  m_late->Answered();
+  return sent;
+}
 
 bool PartyQueue::SendFrame() {
   if (!m_peer || !m_peerReads) return false;

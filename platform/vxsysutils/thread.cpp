@@ -9,6 +9,8 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -20,10 +22,50 @@ struct Ending {
   unsigned long result = 0;  // guarded by mutex
 };
 
+using Clock = std::chrono::steady_clock;
+
 struct Handle {
   std::shared_ptr<Ending> ending;
   std::thread thread;
+  Handle* next = nullptr;  // of the abandoned ones
+
+  // Waits for the end; true when it has come.
+  bool HasEndedBy(Clock::time_point deadline) const {
+    std::unique_lock lock(ending->mutex);
+    return ending->signal.wait_until(lock, deadline, [this] { return ending->reached; });
+  }
 };
+
+// Without destructors: the library's own static objects wait for threads when they are destroyed.
+constinit std::mutex s_mutex;
+constinit Handle* s_abandoned = nullptr;  // guarded by s_mutex
+static_assert(std::is_trivially_destructible_v<std::mutex>);
+
+void Abandon(std::unique_ptr<Handle> handle) {
+  const std::lock_guard lock(s_mutex);
+  handle->next = s_abandoned;
+  s_abandoned = handle.release();
+}
+
+std::unique_ptr<Handle> TakeAbandoned() {
+  const std::lock_guard lock(s_mutex);
+  std::unique_ptr<Handle> first(s_abandoned);
+  if (first != nullptr) {
+    s_abandoned = first->next;
+  }
+  return first;
+}
+
+// Takes down the abandoned threads, one after the other, until one has not ended by then.
+void TakeDownAbandoned(Clock::time_point deadline) {
+  while (std::unique_ptr<Handle> handle = TakeAbandoned()) {
+    if (!handle->HasEndedBy(deadline)) {
+      Abandon(std::move(handle));
+      return;
+    }
+    handle->thread.join();
+  }
+}
 
 // Signals belong to the host's own threads, so a thread started here takes none but those it caused itself. The mask is
 // inherited at creation, which leaves no moment in which the new thread could be chosen for one.
@@ -69,23 +111,22 @@ void Thread::WaitForThread(void* handle, unsigned long timeoutMs, unsigned long*
   if (handle == nullptr) {
     return;
   }
-  const std::unique_ptr<Handle> owned(static_cast<Handle*>(handle));
+  TakeDownAbandoned(Clock::now());  // what can be had for nothing
+  std::unique_ptr<Handle> owned(static_cast<Handle*>(handle));
   // Far enough for "for ever", near enough not to overflow the clock.
   constexpr unsigned long kLongestMs = 0xFFFFFFFF;
   const std::chrono::milliseconds timeout(std::min(timeoutMs, kLongestMs));
-  bool reached = false;
-  {
-    Ending& ending = *owned->ending;
-    std::unique_lock lock(ending.mutex);
-    reached = ending.signal.wait_for(lock, timeout, [&ending] { return ending.reached; });
-    if (reached && exitCode != nullptr) {
-      *exitCode = ending.result;
-    }
+  if (!owned->HasEndedBy(Clock::now() + timeout)) {
+    Abandon(std::move(owned));
+    return;
   }
-  if (reached) {
-    // Only the last few instructions are left; after this the thread runs no code of the library any more.
-    owned->thread.join();
-  } else {
-    owned->thread.detach();
+  // Only the last few instructions are left; after this the thread runs no code of the library any more.
+  owned->thread.join();
+  if (exitCode != nullptr) {
+    *exitCode = owned->ending->result;
   }
+}
+
+void Thread::WaitForAbandoned(unsigned long timeoutMs) {
+  TakeDownAbandoned(Clock::now() + std::chrono::milliseconds(timeoutMs));
 }

@@ -10,7 +10,11 @@ class Thread {
   static void* BeginThread(Function function, void* argument, unsigned long flags);
 
   // Waits until the thread has ended and been taken down, or timeoutMs milliseconds have passed. Either way the handle
-  // is spent: a thread that is still running goes on by itself. A null handle returns at once. When the thread ended in
-  // time and exitCode is not null, its result is stored there.
+  // is spent: a thread that is still running is abandoned and goes on by itself. A null handle returns at once. When
+  // the thread ended in time and exitCode is not null, its result is stored there.
   static void WaitForThread(void* handle, unsigned long timeoutMs, unsigned long* exitCode);
+
+  // Waits until the abandoned threads have ended, timeoutMs milliseconds at most: before the code that they run, or
+  // have not begun to run, is unloaded.
+  static void WaitForAbandoned(unsigned long timeoutMs);
 };

@@ -1,149 +1,13 @@
 // The library as a host loads it: started, stopped, started again and unloaded, with parties connected or not.
 
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <array>
 #include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-#include <thread>
 
-#include "client/natclient.h"
-#include "nat/host_config.h"
+#include "tests/system/interposed.h"
+#include "tests/system/library_test.h"
 
 namespace {
 
-constexpr int kPatienceMs = 20000;
-
-// Two records; every reload changes to the other one, as a host does it: on its own thread, inside UpdateNatMain.
-class Source final : public ConfigSource {
- public:
-  Source() {
-    for (std::size_t i = 0; i < m_nat.size(); ++i) {
-      m_nat[i].gwInterface = "*";
-      m_nat[i].sipUdpPort = 5060;
-      m_nat[i].sipUdpPublicIp = kPublicIps[i];
-      m_nat[i].sipUdpPublicPort = kPublicPorts[i];
-      m_config[i] = {&m_media, &m_nat[i]};
-    }
-  }
-  void ChangeOnNextReload() { m_change = true; }
-
-  HostConfig* GetConfig() override {
-    if (std::this_thread::get_id() == m_host && m_change) {
-      m_current = 1 - m_current;
-      m_change = false;
-    }
-    return &m_config[m_current];
-  }
-
-  static constexpr std::array<std::uint32_t, 2> kPublicIps = {0x077100CB, 0x087100CB};  // 203.0.113.7 and .8
-  static constexpr std::array<std::uint16_t, 2> kPublicPorts = {15060, 25060};
-
- private:
-  const std::thread::id m_host = std::this_thread::get_id();
-  bool m_change = false;  // host thread only
-  std::size_t m_current = 0;
-  MediaConfig m_media;
-  std::array<NatConfig, 2> m_nat;
-  std::array<HostConfig, 2> m_config;
-};
-
-std::size_t EntriesOf(const char* directory) {
-  std::size_t entries = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory)) {
-    ++entries;
-  }
-  return entries;
-}
-
-// Threads that have been joined leave /proc a moment later.
-std::size_t ThreadsAtMost(std::size_t expected) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-  std::size_t threads = EntriesOf("/proc/self/task");
-  while (threads > expected && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-    threads = EntriesOf("/proc/self/task");
-  }
-  return threads;
-}
-
-class Lifecycle : public testing::Test {
- protected:
-  void SetUp() override {
-    char name[] = "/tmp/natagent-lifecycle-XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    m_directory = name;
-    ::setenv("NATAGENT_RUNTIME_DIR", name, 1);
-    ::setenv("NATAGENT_LOG_DIR", name, 1);
-    Load();
-  }
-  void TearDown() override {
-    Unload();
-    std::filesystem::remove_all(m_directory);
-  }
-
-  void Load() {
-    m_library = ::dlopen(NATAGENT_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(m_library, nullptr) << ::dlerror();
-    m_start = reinterpret_cast<void (*)(void*)>(::dlsym(m_library, "NatMain"));
-    m_stop = reinterpret_cast<void (*)()>(::dlsym(m_library, "StopNatMain"));
-    m_update = reinterpret_cast<void (*)(unsigned short)>(::dlsym(m_library, "UpdateNatMain"));
-    ASSERT_TRUE(m_start != nullptr && m_stop != nullptr && m_update != nullptr);
-  }
-  void Unload() {
-    if (m_library != nullptr) {
-      EXPECT_EQ(::dlclose(m_library), 0);
-      m_library = nullptr;
-    }
-  }
-
-  // A connected party; waits until the agent's queues are there and it is welcomed.
-  natclient* Connect(natclient_party party) {
-    natclient* client = nullptr;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    int result = 0;
-    do {
-      result = natclient_open(&client, m_directory.c_str(), party, kPatienceMs);
-    } while ((result == -ENOENT || result == -ECONNREFUSED || result == -ECONNRESET) &&
-             std::chrono::steady_clock::now() < deadline);
-    EXPECT_EQ(result, 0) << natclient_strerror(result);
-    return client;
-  }
-
-  static void Send(natclient* client, const char* destination, std::uint64_t id) {
-    const natclient_item item{0x0100007F, 5060, 0};
-    ASSERT_EQ(natclient_request_cs(client, id, destination, &item, NATCLIENT_UDP, 0), 0);
-  }
-
-  // One signalling request to an address of the machine itself: decided without any configuration.
-  static void Ask(natclient* client, std::uint64_t id) {
-    Send(client, "127.0.0.1", id);
-    natclient_handlers handlers{};
-    handlers.cs = [](void* context, std::uint64_t answered, const natclient_item*, std::uint32_t flag, std::uint32_t) {
-      EXPECT_EQ(flag, NATCLIENT_NO_NEED_NAT);
-      *static_cast<std::uint64_t*>(context) = answered;
-    };
-    std::uint64_t answered = id + 1;
-    while (answered != id) {
-      ASSERT_EQ(natclient_wait(client, kPatienceMs), 1);
-      ASSERT_GE(natclient_dispatch(client, &handlers, &answered), 0);
-    }
-  }
-
-  Source m_source;
-  std::string m_directory;
-  void* m_library = nullptr;
-  void (*m_start)(void*) = nullptr;
-  void (*m_stop)() = nullptr;
-  void (*m_update)(unsigned short) = nullptr;
-};
+using Lifecycle = LibraryTest;
 
 TEST_F(Lifecycle, StopRightAfterStartLeavesNothing) {
   m_start(&m_source);
@@ -220,8 +84,35 @@ TEST_F(Lifecycle, UnloadedWhileItRuns) {
   EXPECT_EQ(EntriesOf("/proc/self/fd"), descriptors);
 }
 
-// The two below need a network that test_host.py makes: a default route, and a name server that never answers.
-bool HasBed() { return std::getenv("NATAGENT_BED") != nullptr; }
+// Both workers of a run begin after their run has ended: they take no part in the next one, and are waited for before
+// the library goes.
+TEST_F(Lifecycle, WorkersThatBeginLate) {
+  interposed::SpareThisThread(true);
+  const auto run = [this](int held) {
+    interposed::HoldThreads(held);
+    m_start(&m_source);
+    natclient* sip = Connect(NATCLIENT_SIP);
+    Ask(sip, 1);
+    natclient_close(sip);
+  };
+  run(0);
+  const std::size_t threads = ThreadsAtMost(4);  // with the agent's three
+  m_stop();
+  run(2);
+  m_stop();  // gives both up
+  run(0);
+  interposed::Release();
+  EXPECT_LE(ThreadsAtMost(threads), threads);
+  const auto begin = std::chrono::steady_clock::now();
+  m_stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
+  run(2);
+  m_stop();
+  interposed::ReleaseSoon();
+  Unload();
+  EXPECT_LE(ThreadsAtMost(threads - 3), threads - 3);
+  interposed::Release();
+}
 
 TEST_F(Lifecycle, UnloadedInMidLookUp) {
   if (!HasBed()) {

@@ -15,16 +15,19 @@ import silent_dns
 class Host(silent_dns.SilentDnsTest):
     def run_in_bed(self, name):
         program = bed.BUILD / "tests" / "system" / "lifecycle_tests"
-        result = subprocess.run(self.dev.command("env", "NATAGENT_BED=1", program, f"--gtest_filter=Lifecycle.{name}"),
+        result = subprocess.run(self.dev.command("env", "NATAGENT_BED=1", program, f"--gtest_filter={name}"),
                                 capture_output=True, text=True, timeout=250, check=False)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         self.assertIn("[  PASSED  ] 1 test.", result.stdout)
 
     def test_unloaded_in_mid_look_up(self):
-        self.run_in_bed("UnloadedInMidLookUp")
+        self.run_in_bed("Lifecycle.UnloadedInMidLookUp")
 
     def test_reload_storm(self):
-        self.run_in_bed("ReloadStormNeverMixesTwoConfigurations")
+        self.run_in_bed("Lifecycle.ReloadStormNeverMixesTwoConfigurations")
+
+    def test_faults(self):
+        self.run_in_bed("Faults.*")
 
     def test_exit_codes(self):
         first = self.daemon(configs.STATIC)

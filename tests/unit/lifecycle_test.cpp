@@ -104,4 +104,21 @@ TEST_F(AgentTest, StopWhileTheAgentIsJustStarting) {
   StartAgent();  // and forgotten by the next start
 }
 
+// A request is spent with the run that it was for, also when that had ended before.
+TEST_F(AgentTest, StartWithoutAnEntryPoint) {
+  for (const bool endsBefore : {false, true}) {
+    StartAgent();
+    fake::Take({});
+    if (endsBefore) {
+      _NatAgent.StopMessenger();
+      ASSERT_TRUE(fake::WaitForCall("logfile close"));
+    }
+    StopNatMain();
+    std::thread direct([] { EXPECT_TRUE(_NatAgent.Start()); });
+    EXPECT_TRUE(fake::WaitUntilIdle());
+    EXPECT_TRUE(_NatAgent.StopMessenger());
+    direct.join();
+  }
+}
+
 }  // namespace

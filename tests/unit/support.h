@@ -30,7 +30,12 @@ inline constexpr u32 kCc = 115;
 // The host's configuration object; tests change the blocks between two loads.
 struct TestSource final : ConfigSource {
   TestSource();
-  HostConfig* GetConfig() override { return available ? &record : nullptr; }
+  HostConfig* GetConfig() override {
+    if (throws) {
+      throw "no reason";  // the host's own fault, and nothing that the library knows
+    }
+    return available ? &record : nullptr;
+  }
 
   MediaConfig media{.rtpPortStart = 10000, .rtpPortEnd = 10199, .rtcpEnabled = 1};
   NatConfig nat{.gwInterface = "*",
@@ -42,6 +47,7 @@ struct TestSource final : ConfigSource {
                 .stunServerPort = 3478};
   HostConfig record{&media, &nat};
   bool available = true;
+  std::atomic<bool> throws = false;
 };
 
 // A device with one interface and a default route, and an agent that is not started yet.

@@ -34,7 +34,7 @@ struct Message {
 
 // What a test has scripted, and what has come of it.
 struct Script {
-  Strings journal;       // "kind what"; kinds: log4 log0 logfile stun stunlogger send notice poll thread route lookup
+  Strings journal;  // "kind what"; kinds: log4 log0 log logfile stun stunlogger send notice poll thread route lookup
   std::string hookText;  // `hook` is called, once, on the thread that logs this text, after it is logged
   std::function<void()> hook;
 
@@ -45,6 +45,7 @@ struct Script {
 
   std::map<u32, std::optional<Route>> routes;  // by destination, 0 being the uplink
   std::optional<Route> otherRoutes;
+  int routesThrow = 0;   // so many look-ups want for memory
   int routeChanges = 0;  // each lets NotifyRouteChange return once
   bool watchStopped = false;
   std::vector<InterfaceInfo> interfaces;

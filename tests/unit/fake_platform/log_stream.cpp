@@ -41,5 +41,11 @@ void LogStream::TRACE(u8 category, const char* format, va_list& arguments, u8 le
 }
 #pragma GCC diagnostic pop
 
-void LogStream::Hold() { fake::Device()->logHeld = true; }
-void LogStream::Flush() { fake::Device()->logHeld = false; }
+void LogStream::Hold() {
+  fake::Record("log hold");
+  fake::Device()->logHeld = true;
+}
+void LogStream::Flush() {
+  fake::Record("log flush");
+  fake::Device()->logHeld = false;
+}

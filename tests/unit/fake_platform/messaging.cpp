@@ -51,6 +51,8 @@ namespace {
 
 constexpr u32 kProtocols[] = {CA_PROTO_SIP, 2, CA_PROTO_CM, CA_PROTO_CC};  // of queues 112 to 115
 
+bool s_requestOpen = false;  // agent thread
+
 u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespItem>& items, u32 value) {
   std::ostringstream text;
   for (const NatRespItem& item : items) {
@@ -58,6 +60,7 @@ u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespIte
          << item.mappedPort << '/' << item.flag;
   }
   fake::Record("send ", queue, ' ', kind, ' ', id, text.str(), " value ", value);
+  s_requestOpen = false;
   return 1;
 }
 
@@ -80,6 +83,7 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
     message = std::move(waiting.front());
     waiting.pop_front();
   }
+  s_requestOpen = true;
   const auto& [kind, id, destination, items, value, portType] = message;
   switch (kind) {
     case Message::CONNECT:
@@ -110,13 +114,19 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
 }
 
 // Whose an answer is, is the Linux layer's business.
-u64 NatMessenger::KeepRequest() { return 1; }
-void NatMessenger::ResumeRequest(u64) {}
-void NatMessenger::FinishRequest(u64) {}
+u64 NatMessenger::KeepRequest() {
+  s_requestOpen = false;
+  return 1;
+}
+void NatMessenger::ResumeRequest(u64) { s_requestOpen = true; }
+void NatMessenger::FinishRequest(u64) { s_requestOpen = false; }
+bool NatMessenger::IsRequestOpen() { return s_requestOpen; }
+void NatMessenger::HangUp() noexcept { fake::Record("hang up ", m_queue->number); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {
   fake::Record("send ", m_queue->number, " cs ", id, ' ', sockets::inet_ntoa(item.ip), ':', item.port, '/', flag,
                " value ", value);
+  s_requestOpen = false;
   return 1;
 }
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const std::list<NatRespItem>& items, const u32& value) {

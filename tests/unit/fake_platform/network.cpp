@@ -14,6 +14,10 @@ RouteHelper::~RouteHelper() = default;
 bool RouteHelper::GetOutInterface(u32 destination, u32& interfaceAddress, u32& viaGateway) {
   fake::Record("route ", sockets::inet_ntoa(destination));
   fake::Device device;
+  if (device->routesThrow > 0) {
+    --device->routesThrow;
+    throw std::bad_alloc();
+  }
   const auto found = device->routes.find(destination);
   const std::optional<fake::Route>& route = found != device->routes.end() ? found->second : device->otherRoutes;
   if (route) {

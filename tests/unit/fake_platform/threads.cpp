@@ -43,3 +43,5 @@ void Thread::WaitForThread(void* handle, unsigned long timeoutMs, unsigned long*
   }
   owned->thread.join();
 }
+
+void Thread::WaitForAbandoned(unsigned long) { fake::JoinAbandonedThreads(); }

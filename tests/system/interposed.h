@@ -1,0 +1,28 @@
+#pragma once
+
+// What the library under test asks of the C and C++ libraries, taken over by the test program: allocations and
+// descriptors that fail, and threads that begin late.
+namespace interposed {
+
+enum class Fault { NONE, ALLOCATION, DESCRIPTOR, ALLOCATIONS };
+
+// The nth (from 1) allocation, or call that makes a descriptor, fails from now on; ALLOCATIONS: and each one after it.
+// Those of a spared thread do not count.
+void Arm(Fault fault, int nth);
+// No fault any more; whether there was one.
+bool Disarm();
+
+// The calling thread is the test's own, but inside Unspared.
+void SpareThisThread(bool spared);
+struct Unspared {
+  Unspared() { SpareThisThread(false); }
+  ~Unspared() { SpareThisThread(true); }
+};
+
+// The next threads that are started by another one than the test's stay before their first step until Release, or, once
+// ReleaseSoon has been called, for 300 ms at most.
+void HoldThreads(int count);
+void ReleaseSoon();
+void Release();
+
+}  // namespace interposed
