@@ -21,6 +21,7 @@ std::string AgentLibrary::Load() {
   std::string fault = Find(m_handle, "NatMain", natMain);
   if (fault.empty()) fault = Find(m_handle, "StopNatMain", stopNatMain);
   if (fault.empty()) fault = Find(m_handle, "UpdateNatMain", updateNatMain);
+  if (fault.empty()) fault = Find(m_handle, "NatHostReadHealth", readHealth);
   if (!fault.empty()) Unload();
   return fault;
 }

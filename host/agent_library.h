@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "agent/host.h"
 #include "agent/natagent.h"
 
-// The agent's library as a device's host uses it: loaded at run time, reached through its three entry points only.
+// The agent's library as a device's host uses it: loaded at run time, reached through its C functions only.
 class AgentLibrary {
  public:
   AgentLibrary() = default;
@@ -22,6 +23,7 @@ class AgentLibrary {
   decltype(&::NatMain) natMain = nullptr;
   decltype(&::StopNatMain) stopNatMain = nullptr;
   decltype(&::UpdateNatMain) updateNatMain = nullptr;
+  decltype(&::NatHostReadHealth) readHealth = nullptr;
 
  private:
   void* m_handle = nullptr;

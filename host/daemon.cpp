@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include "host/agent_watch.h"
 #include "host/service_notify.h"
 #include "platform/journal.h"
 
@@ -12,6 +13,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kQueuesDeadline = std::chrono::seconds(5);
 constexpr timespec kQueuesPoll{0, 10'000'000};  // ns
+
+timespec TimespecOf(AgentWatch::Clock::duration duration) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+  return {seconds.count(), std::chrono::nanoseconds(duration - seconds).count()};
+}
 
 void ReportErrors(const ConfigResult& result) {
   for (const std::string& error : result.errors) JournalError(error);
@@ -23,18 +29,34 @@ void ChooseFile(std::string& file) {
   if (file.empty() && std::filesystem::exists(kDefaultConfig, error)) file = kDefaultConfig;
 }
 
-std::string Describe(const std::string& configFile) {
-  return configFile.empty() ? "built-in settings" : "settings of " + configFile;
-}
-
 }  // namespace
 
-std::optional<HostSettings> LoadSettings(std::string& file) {
+std::optional<LoadedConfig> LoadConfig(std::string& file) {
   ChooseFile(file);
-  if (file.empty()) return DefaultSettings();
+  if (file.empty()) {
+    return LoadedConfig{DefaultSettings(), {}, "built-in settings"};
+  }
   ConfigResult result = ReadConfig(file);
   ReportErrors(result);
-  return std::move(result.settings);
+  if (!result.settings) {
+    return std::nullopt;
+  }
+  return LoadedConfig{std::move(*result.settings), std::move(result.text), "settings of " + file};
+}
+
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood) {
+  std::optional<LoadedConfig> config = LoadConfig(file);
+  if (config || !lastGood.IsAfterCrash()) {
+    return config;
+  }
+  const ConfigResult& kept = lastGood.Kept();
+  if (!kept.settings) {
+    ReportErrors(kept);
+    return std::nullopt;
+  }
+  JournalError("natagentd: " + file +
+               " is wrong, and the last run did not end by a stop: going on with the last good settings");
+  return LoadedConfig{*kept.settings, kept.text, "last good settings, not those of " + file};
 }
 
 sigset_t TakeSignals() {
@@ -47,8 +69,14 @@ sigset_t TakeSignals() {
   return signals;
 }
 
-Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, HostSettings settings)
-    : m_signals(signals), m_dirs(std::move(dirs)), m_configFile(std::move(configFile)), m_source(std::move(settings)) {}
+Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, LoadedConfig config,
+               LastGoodConfig& lastGood)
+    : m_signals(signals),
+      m_dirs(std::move(dirs)),
+      m_configFile(std::move(configFile)),
+      m_config(std::move(config)),
+      m_lastGood(lastGood),
+      m_source(std::move(m_config.settings)) {}
 
 int Daemon::Run() {
   std::string fault = PrepareDirs(m_dirs);
@@ -65,13 +93,18 @@ int Daemon::Run() {
   // The agent sees the source through its base.
   m_library.natMain(static_cast<ConfigSource*>(&m_source));
   const Start start = WaitForQueues();
-  if (start == Start::READY) Serve();
+  int exitCode = start == Start::FAILED ? kExitFailed : kExitOk;
+  if (start == Start::READY) {
+    exitCode = Serve();
+  }
   NotifyStopping();
   m_library.stopNatMain();
   m_library.Unload();
-  if (start == Start::FAILED) return kExitFailed;
-  JournalNotice("natagentd: stopped");
-  return kExitOk;
+  if (exitCode == kExitOk) {
+    m_lastGood.MarkStopped();
+    JournalNotice("natagentd: stopped");
+  }
+  return exitCode;
 }
 
 Daemon::Start Daemon::WaitForQueues() {
@@ -93,26 +126,42 @@ Daemon::Start Daemon::WaitForQueues() {
   return Start::READY;
 }
 
-void Daemon::Serve() {
-  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " +
-                Describe(m_configFile));
-  if (m_reloadAsked) Reload();
-  NotifyReady();
-  for (;;) {
-    const int number = ::sigwaitinfo(&m_signals, nullptr);
-    if (number == SIGTERM || number == SIGINT) return;
-    if (number != SIGHUP) continue;
-    NotifyReloading();
+int Daemon::Serve() {
+  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_config.origin);
+  m_lastGood.Keep(m_config.text);
+  m_lastGood.MarkRunning();
+  if (m_reloadAsked) {
     Reload();
-    NotifyReady();
+  }
+  NotifyReady();
+  for (AgentWatch watch(m_library);;) {
+    const timespec wait = TimespecOf(watch.UntilNext());
+    const int number = ::sigtimedwait(&m_signals, nullptr, &wait);
+    if (number == SIGTERM || number == SIGINT) {
+      return kExitOk;
+    }
+    if (number == SIGHUP) {
+      NotifyReloading();
+      Reload();
+      NotifyReady();
+    }
+    if (!watch.Look()) {
+      JournalError("natagentd: the agent has ended by itself");
+      return kExitFailed;
+    }
   }
 }
 
 void Daemon::Reload() {
-  std::optional<HostSettings> settings = LoadSettings(m_configFile);
-  if (!settings) return JournalError("natagentd: the settings stay as they are");
-  const u16 changes = ChangesBetween(m_source.Current(), *settings);
-  if (changes == 0) return JournalNotice("natagentd: read " + Describe(m_configFile) + ", nothing has changed");
-  m_source.Replace(std::move(*settings), [&] { m_library.updateNatMain(changes); });
-  JournalNotice("natagentd: changed to the " + Describe(m_configFile));
+  std::optional<LoadedConfig> config = LoadConfig(m_configFile);
+  if (!config) {
+    return JournalError("natagentd: the settings stay as they are");
+  }
+  m_lastGood.Keep(config->text);
+  const u16 changes = ChangesBetween(m_source.Current(), config->settings);
+  if (changes == 0) {
+    return JournalNotice("natagentd: read " + config->origin + ", nothing has changed");
+  }
+  m_source.Replace(std::move(config->settings), [&] { m_library.updateNatMain(changes); });
+  JournalNotice("natagentd: changed to the " + config->origin);
 }
