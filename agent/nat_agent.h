@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "agent/health.h"
 #include "agent/nat_log_out.h"
 #include "agent/natagent.h"
 #include "agent/run_link.h"
@@ -55,6 +56,10 @@ class NATAGENT_EXPORT NatAgent {
   unsigned long GetUpLinkIp() NAT_REQUIRES(g_settingsLock);
   // True after handling a flagged route change.
   bool CheckIpChanges() NAT_REQUIRES(g_settingsLock);
+
+  // The host's question whether the agent lives, see host.h: asked on any thread (false: no run), answered in a turn.
+  bool ReadHealth(NatHostHealth& health);
+  void AnswerHealth() NAT_REQUIRES(g_settingsLock);
 
   // Signalling. GetCSNatSettings: false, with the flag untouched, when it cannot decide.
   bool GetCSNatSettings(const u64& queryId, const u32& destIp, const CA_PROTO& proto, NatSetting& setting,
@@ -146,6 +151,7 @@ class NATAGENT_EXPORT NatAgent {
 
   std::atomic<bool> m_stopRequested = false;
   NatLogOut m_noLog{nullptr};
+  Health m_health;
   ThreadMutex m_runMutex;
   std::shared_ptr<RunLink> m_run NAT_GUARDED_BY(m_runMutex);
 };

@@ -34,6 +34,9 @@ std::string AgentLibrary::Load() {
   if (fault.empty()) {
     fault = Find(m_handle, "NatHostCheckQueues", checkQueues);
   }
+  if (fault.empty()) {
+    fault = Find(m_handle, "NatHostReadHealth", readHealth);
+  }
   if (!fault.empty()) {
     Unload();
   }

@@ -5,7 +5,7 @@
 #include "agent/host.h"
 #include "agent/natagent.h"
 
-// The agent's library as a device's host uses it: loaded at run time, reached through its exported C functions only.
+// The agent's library as a device's host uses it: loaded at run time, reached through its C functions only.
 class AgentLibrary {
  public:
   AgentLibrary() = default;
@@ -26,6 +26,7 @@ class AgentLibrary {
   decltype(&::NatHostUseRuntimeDir) useRuntimeDir = nullptr;
   decltype(&::NatHostLimitQueue) limitQueue = nullptr;
   decltype(&::NatHostCheckQueues) checkQueues = nullptr;
+  decltype(&::NatHostReadHealth) readHealth = nullptr;
 
  private:
   void* m_handle = nullptr;

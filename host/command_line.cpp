@@ -29,6 +29,10 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode
                  "Directory of natagent.log (default: $NATAGENT_LOG_DIR or /var/log/natagent)")
       ->check(CheckName)
       ->type_name("DIR");
+  app.add_option("--state-dir", parsed.stateDir,
+                 "Directory of the last good configuration (default: $NATAGENT_STATE_DIR or /var/lib/natagent)")
+      ->check(CheckName)
+      ->type_name("DIR");
   app.failure_message(FailureText);
   app.add_flag("--check", parsed.check, "Check the configuration and exit");
   app.set_version_flag("--version", "natagentd " NATAGENT_VERSION);

@@ -6,8 +6,9 @@
 #include "host/runtime_dirs.h"
 
 struct CommandLine {
-  std::string config;  // empty: the file of kDefaultConfig when it exists, else the built-in settings
-  RuntimeDirs dirs;    // empty: as ResolveDirs
+  std::string config;    // empty: the file of kDefaultConfig when it exists, else the built-in settings
+  RuntimeDirs dirs;      // empty: as ResolveDirs
+  std::string stateDir;  // empty: as LastGoodConfig
   bool check = false;
 };
 

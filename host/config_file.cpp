@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "host/config_section.h"
+#include "host/config_text.h"
 #include "platform/unique_fd.h"
 
 namespace {
@@ -164,6 +165,31 @@ NatConfig WithoutStun(NatConfig nat) {
   return nat;
 }
 
+ConfigResult ReadParsed(const toml::parse_result& parsed, ConfigErrors& errors) {
+  if (!parsed) {
+    errors.Add(parsed.error().source().begin.line, "", parsed.error().description());
+    return {std::nullopt, {}, errors.Texts()};
+  }
+  const toml::table& root = parsed.table();
+  HostSettings settings = DefaultSettings();
+  ConfigSection media(Section(root, "media", errors), "media", errors);
+  ConfigSection nat(Section(root, "nat", errors), "nat", errors);
+  ConfigSection stun(Section(root, "stun", errors), "stun", errors);
+  ConfigSection access(Section(root, "access", errors), "access", errors);
+  ReadMedia(media, settings.media);
+  ReadSip(nat, settings.nat);
+  ReadGw(nat, settings.media, settings.nat);
+  ReadExclusions(nat, settings.nat, errors);
+  nat.RefuseUnknown();
+  ReadStun(stun, settings.nat);
+  CheckStunUse(nat, settings.nat);
+  ReadAccess(access, settings.access, errors);
+  RefuseUnknownSections(root, errors);
+
+  if (!errors.Empty()) return {std::nullopt, {}, errors.Texts()};
+  return {std::move(settings), {}, {}};
+}
+
 }  // namespace
 
 HostSettings DefaultSettings() {
@@ -187,37 +213,27 @@ u16 ChangesBetween(const HostSettings& before, const HostSettings& after) {
 
 ConfigResult ParseConfig(std::string_view text, const std::string& file) {
   ConfigErrors errors(file);
-  const toml::parse_result parsed = toml::parse(text, file);
-  if (!parsed) {
-    errors.Add(parsed.error().source().begin.line, "", parsed.error().description());
-    return {std::nullopt, errors.Texts()};
+  if (const auto fault = CheckConfigText(text)) {
+    errors.Add(fault->line, "", fault->reason);
+    return {std::nullopt, {}, errors.Texts()};
   }
-
-  const toml::table& root = parsed.table();
-  HostSettings settings = DefaultSettings();
-  ConfigSection media(Section(root, "media", errors), "media", errors);
-  ConfigSection nat(Section(root, "nat", errors), "nat", errors);
-  ConfigSection stun(Section(root, "stun", errors), "stun", errors);
-  ConfigSection access(Section(root, "access", errors), "access", errors);
-  ReadMedia(media, settings.media);
-  ReadSip(nat, settings.nat);
-  ReadGw(nat, settings.media, settings.nat);
-  ReadExclusions(nat, settings.nat, errors);
-  nat.RefuseUnknown();
-  ReadStun(stun, settings.nat);
-  CheckStunUse(nat, settings.nat);
-  ReadAccess(access, settings.access, errors);
-  RefuseUnknownSections(root, errors);
-
-  if (!errors.Empty()) return {std::nullopt, errors.Texts()};
-  return {std::move(settings), {}};
+  try {
+    return ReadParsed(toml::parse(text, file), errors);
+  } catch (const TomlAssertion& assertion) {
+    errors.Add(0, "", std::string("cannot be parsed: ") + assertion.what());
+    return {std::nullopt, {}, errors.Texts()};
+  }
 }
 
 ConfigResult ReadConfig(const std::string& file) {
   std::string text;
   const std::string fault = ReadFile(file, text);
-  if (fault.empty()) return ParseConfig(text, file);
+  if (fault.empty()) {
+    ConfigResult result = ParseConfig(text, file);
+    result.text = std::move(text);
+    return result;
+  }
   ConfigErrors errors(file);
   errors.Add(0, "", "cannot be read: " + fault);
-  return {std::nullopt, errors.Texts()};
+  return {std::nullopt, {}, errors.Texts()};
 }

@@ -23,6 +23,7 @@ u16 ChangesBetween(const HostSettings& before, const HostSettings& after);
 
 struct ConfigResult {
   std::optional<HostSettings> settings;  // present exactly when there are no errors
+  std::string text;                      // what a file contained; empty when it could not be read
   std::vector<std::string> errors;       // "FILE:LINE: KEY: REASON"
 };
 

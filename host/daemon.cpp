@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "host/agent_watch.h"
 #include "host/service_notify.h"
 #include "platform/journal.h"
 #include "platform/messaging/runtime_dir.h"
@@ -14,8 +15,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kQueuesDeadline = std::chrono::seconds(5);
 constexpr timespec kQueuesPoll{0, 10'000'000};  // ns
-constexpr timespec kTick{1, 0};                 // between two looks at the queues
 constexpr std::size_t kMaxFault = 512;          // bytes
+
+timespec TimespecOf(AgentWatch::Clock::duration duration) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
+  return {seconds.count(), std::chrono::nanoseconds(duration - seconds).count()};
+}
 
 void ReportErrors(const ConfigResult& result) {
   for (const std::string& error : result.errors) JournalError(error);
@@ -27,18 +32,34 @@ void ChooseFile(std::string& file) {
   if (file.empty() && std::filesystem::exists(kDefaultConfig, error)) file = kDefaultConfig;
 }
 
-std::string Describe(const std::string& configFile) {
-  return configFile.empty() ? "built-in settings" : "settings of " + configFile;
-}
-
 }  // namespace
 
-std::optional<HostSettings> LoadSettings(std::string& file) {
+std::optional<LoadedConfig> LoadConfig(std::string& file) {
   ChooseFile(file);
-  if (file.empty()) return DefaultSettings();
+  if (file.empty()) {
+    return LoadedConfig{DefaultSettings(), {}, "built-in settings"};
+  }
   ConfigResult result = ReadConfig(file);
   ReportErrors(result);
-  return std::move(result.settings);
+  if (!result.settings) {
+    return std::nullopt;
+  }
+  return LoadedConfig{std::move(*result.settings), std::move(result.text), "settings of " + file};
+}
+
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood) {
+  std::optional<LoadedConfig> config = LoadConfig(file);
+  if (config || !lastGood.IsAfterCrash()) {
+    return config;
+  }
+  const ConfigResult& kept = lastGood.Kept();
+  if (!kept.settings) {
+    ReportErrors(kept);
+    return std::nullopt;
+  }
+  JournalError("natagentd: " + file +
+               " is wrong, and the last run did not end by a stop: going on with the last good settings");
+  return LoadedConfig{*kept.settings, kept.text, "last good settings, not those of " + file};
 }
 
 sigset_t TakeSignals() {
@@ -51,8 +72,14 @@ sigset_t TakeSignals() {
   return signals;
 }
 
-Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, HostSettings settings)
-    : m_signals(signals), m_dirs(std::move(dirs)), m_configFile(std::move(configFile)), m_source(std::move(settings)) {}
+Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, LoadedConfig config,
+               LastGoodConfig& lastGood)
+    : m_signals(signals),
+      m_dirs(std::move(dirs)),
+      m_configFile(std::move(configFile)),
+      m_config(std::move(config)),
+      m_lastGood(lastGood),
+      m_source(std::move(m_config.settings)) {}
 
 int Daemon::Run() {
   if (const std::string fault = Prepare(); !fault.empty()) {
@@ -63,15 +90,18 @@ int Daemon::Run() {
   // The agent sees the source through its base.
   m_library.natMain(static_cast<ConfigSource*>(&m_source));
   const Start start = WaitForQueues();
-  const bool ok = start == Start::READY ? Serve() : start == Start::STOPPED;
+  int exitCode = start == Start::FAILED ? kExitFailed : kExitOk;
+  if (start == Start::READY) {
+    exitCode = Serve();
+  }
   NotifyStopping();
   m_library.stopNatMain();
   m_library.Unload();
-  if (!ok) {
-    return kExitFailed;
+  if (exitCode == kExitOk) {
+    m_lastGood.MarkStopped();
+    JournalNotice("natagentd: stopped");
   }
-  JournalNotice("natagentd: stopped");
-  return kExitOk;
+  return exitCode;
 }
 
 // Everything that comes before the agent's start. Returns an empty text, or what is wrong.
@@ -121,26 +151,33 @@ Daemon::Start Daemon::WaitForQueues() {
   }
 }
 
-// Until a signal ends it (true), or until parties cannot reach the agent any more.
-bool Daemon::Serve() {
-  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " +
-                Describe(m_configFile));
+int Daemon::Serve() {
+  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_config.origin);
+  m_lastGood.Keep(m_config.text);
+  m_lastGood.MarkRunning();
   if (m_reloadAsked) {
     Reload();
   }
   NotifyReady();
-  while (AreQueuesOpen()) {
-    const int number = ::sigtimedwait(&m_signals, nullptr, &kTick);
+  for (AgentWatch watch(m_library);;) {
+    const timespec wait = TimespecOf(watch.UntilNext());
+    const int number = ::sigtimedwait(&m_signals, nullptr, &wait);
     if (number == SIGTERM || number == SIGINT) {
-      return true;
+      return kExitOk;
     }
     if (number == SIGHUP) {
       NotifyReloading();
       Reload();
       NotifyReady();
     }
+    if (!watch.Look()) {
+      JournalError("natagentd: the agent has ended by itself");
+      return kExitFailed;
+    }
+    if (!AreQueuesOpen()) {
+      return kExitFailed;
+    }
   }
-  return false;
 }
 
 bool Daemon::AreQueuesOpen() {
@@ -155,18 +192,19 @@ bool Daemon::AreQueuesOpen() {
 }
 
 void Daemon::Reload() {
-  std::optional<HostSettings> settings = LoadSettings(m_configFile);
-  if (!settings) {
+  std::optional<LoadedConfig> config = LoadConfig(m_configFile);
+  if (!config) {
     return JournalError("natagentd: the settings stay as they are");
   }
+  m_lastGood.Keep(config->text);
   const HostSettings& current = m_source.Current();
-  const u16 changes = ChangesBetween(current, *settings);
-  if (changes == 0 && current.access == settings->access) {
-    return JournalNotice("natagentd: read " + Describe(m_configFile) + ", nothing has changed");
+  const u16 changes = ChangesBetween(current, config->settings);
+  if (changes == 0 && current.access == config->settings.access) {
+    return JournalNotice("natagentd: read " + config->origin + ", nothing has changed");
   }
-  m_source.Replace(std::move(*settings), [&] { m_library.updateNatMain(changes); });
+  m_source.Replace(std::move(config->settings), [&] { m_library.updateNatMain(changes); });
   LimitQueues();
-  JournalNotice("natagentd: changed to the " + Describe(m_configFile));
+  JournalNotice("natagentd: changed to the " + config->origin);
 }
 
 void Daemon::LimitQueues() {

@@ -9,11 +9,21 @@
 #include "host/command_line.h"
 #include "host/config_file.h"
 #include "host/host_config_source.h"
+#include "host/last_good_config.h"
 #include "platform/messaging/runtime_dir_lease.h"
 
-// The settings in force at start, from the file the command line names or the default one. Without a value the errors
-// have been reported. `file` becomes the file that was read, or stays empty for the built-in settings.
-std::optional<HostSettings> LoadSettings(std::string& file);
+struct LoadedConfig {
+  HostSettings settings;
+  std::string text;    // of the file; empty for the built-in settings, which an empty file means too
+  std::string origin;  // for people
+};
+
+// The configuration of the file the command line names, or of the default one. Without a value the errors have been
+// reported. `file` becomes the file that was read, or stays empty for the built-in settings.
+std::optional<LoadedConfig> LoadConfig(std::string& file);
+
+// The same at a start; when the file is wrong and the run before crashed, the last configuration that was right.
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood);
 
 // Blocks the signals that drive the daemon in this thread and in those it starts, and returns them. Comes before
 // everything else, so that one sent right after the start waits for the daemon instead of killing it.
@@ -23,7 +33,8 @@ sigset_t TakeSignals();
 class Daemon {
  public:
   // `signals`: those of TakeSignals.
-  Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, HostSettings settings);
+  Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile, LoadedConfig config,
+         LastGoodConfig& lastGood);
 
   // Returns the exit code.
   int Run();
@@ -33,7 +44,8 @@ class Daemon {
 
   std::string Prepare();
   Start WaitForQueues();
-  bool Serve();
+  // Until a signal ends it, the agent is gone or parties cannot reach it; returns the exit code.
+  int Serve();
   bool AreQueuesOpen();
   void Reload();
   void LimitQueues();
@@ -41,6 +53,8 @@ class Daemon {
   const sigset_t m_signals;
   const RuntimeDirs m_dirs;
   std::string m_configFile;
+  LoadedConfig m_config;  // its settings are moved into the source
+  LastGoodConfig& m_lastGood;
   HostConfigSource m_source;
   std::optional<messaging::RuntimeDirLease> m_lease;  // the library, which shares it, goes first
   AgentLibrary m_library;

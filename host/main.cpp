@@ -23,10 +23,15 @@ int Main(int argc, char** argv, const sigset_t& signals) {
   std::optional<CommandLine> commandLine = ParseCommandLine(argc, argv, exitCode);
   if (!commandLine) return exitCode;
 
-  std::optional<HostSettings> settings = LoadSettings(commandLine->config);
-  if (!settings) return kExitUsage;
-  if (commandLine->check) return TellChecked(commandLine->config);
-  return Daemon(signals, ResolveDirs(commandLine->dirs), commandLine->config, std::move(*settings)).Run();
+  if (commandLine->check) {
+    return LoadConfig(commandLine->config) ? TellChecked(commandLine->config) : kExitUsage;
+  }
+  LastGoodConfig lastGood(commandLine->stateDir);
+  std::optional<LoadedConfig> config = LoadConfigAtStart(commandLine->config, lastGood);
+  if (!config) {
+    return kExitUsage;
+  }
+  return Daemon(signals, ResolveDirs(commandLine->dirs), commandLine->config, std::move(*config), lastGood).Run();
 }
 
 }  // namespace

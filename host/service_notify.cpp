@@ -5,6 +5,7 @@
 #include <systemd/sd-daemon.h>
 #include <time.h>
 
+#include <cstdint>
 #include <string>
 
 void NotifyReady() { sd_notify(0, "READY=1"); }
@@ -17,11 +18,21 @@ void NotifyReloading() {
 }
 
 void NotifyStopping() { sd_notify(0, "STOPPING=1"); }
+void NotifyAlive() { sd_notify(0, "WATCHDOG=1"); }
+void NotifyStatus(const std::string& text) { sd_notify(0, ("STATUS=" + text).c_str()); }
+
+std::chrono::microseconds WatchdogInterval() {
+  std::uint64_t microseconds = 0;
+  return std::chrono::microseconds(sd_watchdog_enabled(0, &microseconds) > 0 ? microseconds : 0);
+}
 
 #else
 
 void NotifyReady() {}
 void NotifyReloading() {}
 void NotifyStopping() {}
+void NotifyAlive() {}
+void NotifyStatus(const std::string&) {}
+std::chrono::microseconds WatchdogInterval() { return {}; }
 
 #endif

@@ -1,6 +1,7 @@
 #include "messaging/nat_agent_messenger.h"
 
 #include "agent/faults.h"
+#include "agent/host.h"
 #include "agent/nat_agent.h"
 
 namespace {
@@ -84,6 +85,7 @@ void NatAgentMessenger::Dispatch(int queue) {
     case -1:
       _NatAgent.CheckIsResolvedHostName();
       _NatAgent.CheckIpChanges();
+      _NatAgent.AnswerHealth();
       break;
     case kCgiQueue:
       m_cgiChannel.ProcessMessageFromQueue(1);
@@ -111,6 +113,12 @@ bool NatAgentMessenger::Stop() {
 }
 
 bool NatAgentMessenger::Wake() { return m_poller->Release(); }
+
+u32 NatAgentMessenger::OnlineParties() const {
+  return (m_channel112.IsPartyOnline() ? NAT_PARTY_SIP : 0) | (m_channel113.IsPartyOnline() ? NAT_PARTY_Q113 : 0) |
+         (m_channel114.IsPartyOnline() ? NAT_PARTY_CM : 0) | (m_channel115.IsPartyOnline() ? NAT_PARTY_CC : 0) |
+         (m_cgiChannel.IsPartyOnline() ? NAT_PARTY_CGI : 0);
+}
 
 NatCAMessenger* NatAgentMessenger::GetCAMessenger(CA_PROTO proto) {
   switch (proto) {

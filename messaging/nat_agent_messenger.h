@@ -25,6 +25,9 @@ class NatAgentMessenger {
   // Makes the loop run its periodic checks now; the poller's result. Any thread while the object exists.
   bool Wake();
 
+  // Whose party is connected, as the bits of agent/host.h. Agent thread.
+  u32 OnlineParties() const;
+
   // The channel of a call agent's protocol, or null.
   NatCAMessenger* GetCAMessenger(CA_PROTO proto);
 

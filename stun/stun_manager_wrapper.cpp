@@ -177,6 +177,14 @@ bool StunManagerWrapper::UpdatePorts(const StunPortRange& oldRange, const StunPo
   return true;
 }
 
+void StunManagerWrapper::CountPorts(u32& watched, u32& learnt) const {
+  watched = 0;
+  learnt = 0;
+  if (m_manager) {
+    m_manager->CountPorts(watched, learnt);
+  }
+}
+
 bool StunManagerWrapper::GetStunMapping(u16 port, u32& mappedIp, u16& mappedPort) {
   mappedIp = 0;
   mappedPort = 0;

@@ -50,6 +50,9 @@ class StunManagerWrapper {
   // The public side of a local port. When it is not known: false, both outputs 0, and a scan is asked for.
   bool GetStunMapping(u16 port, u32& mappedIp, u16& mappedPort) NAT_REQUIRES(g_settingsLock);
 
+  // How many ports STUN watches, and of how many of them it knows the public side; 0 without a manager.
+  void CountPorts(u32& watched, u32& learnt) const NAT_REQUIRES(g_settingsLock);
+
   bool IsRunning() const NAT_REQUIRES(g_settingsLock) { return m_stunRunning; }
 
  private:

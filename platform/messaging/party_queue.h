@@ -86,7 +86,6 @@ class PartyQueue {
  private:
   friend class messaging::QueueRegistry;
 
-  void Open(const messaging::RuntimeDirLease& lease);
   unsigned AskReady() const;
   bool HasPeerHungUp() const;
   bool MakesWay() const;

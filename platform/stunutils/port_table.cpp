@@ -11,6 +11,7 @@ void PortTable::Remove(u16 port) {
   }
   found->second.owners.pop_back();
   if (found->second.owners.empty()) {
+    m_knownSize -= found->second.current.mapped.Known() ? 1 : 0;
     m_ports.erase(found);
     m_changed.erase(port);
   }
@@ -18,6 +19,7 @@ void PortTable::Remove(u16 port) {
 
 void PortTable::Clear() {
   m_ports.clear();
+  m_knownSize = 0;
   m_changed.clear();
 }
 
@@ -35,6 +37,7 @@ PortTable::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint
   Port& entry = found->second;
   const bool isSecondTime = mapped == entry.candidate;
   if (isSecondTime || !entry.current.mapped.Known() || mapped == entry.settled) {
+    m_knownSize += entry.current.mapped.Known() ? 0 : 1;
     entry.current = {mapped, server};
   }
   if (!entry.settled.Known() || mapped == entry.settled) {
@@ -58,6 +61,7 @@ PortTable::Known PortTable::Find(u16 port) const {
 }
 
 void PortTable::Forget() {
+  m_knownSize = 0;
   for (auto& [port, entry] : m_ports) {
     entry.current = {};
     entry.candidate = {};

@@ -35,6 +35,10 @@ class PortTable {
   // Not known: all 0.
   Known Find(u16 port) const;
 
+  std::size_t Size() const { return m_ports.size(); }
+  // Of how many ports a mapping is answered.
+  std::size_t KnownSize() const { return m_knownSize; }
+
   // The device is elsewhere: mappings are not answered any more. A port's next mapping is still compared with the last.
   void Forget();
 
@@ -51,6 +55,7 @@ class PortTable {
   };
 
   std::map<u16, Port> m_ports;
+  std::size_t m_knownSize = 0;
   std::set<u16> m_changed;
 };
 

@@ -20,6 +20,14 @@ HostSettings Valid(const std::string& text) {
   return result.settings.value_or(HostSettings());
 }
 
+std::string Repeated(const char* part, std::size_t times) {
+  std::string text;
+  while (times-- > 0) {
+    text += part;
+  }
+  return text;
+}
+
 std::string ExampleText() {
   std::ifstream in(NATAGENT_EXAMPLES "/natagentd.toml");
   std::ostringstream text;
@@ -48,12 +56,13 @@ TEST(ConfigFile, DefaultsAndEdgesThatAreValid) {
   EXPECT_EQ(ChangesBetween(DefaultSettings(), Valid("# nothing\n[nat]\n[media]\n[stun]\n")), 0);
   const NatConfig nat =
       Valid(
-          "[media]\nrtp_port_start = 65535\nrtp_port_end = 65535\n"
+          "\xEF\xBB\xBF[media]  # \xC3\xA9]}'\"\nrtp_port_start = 65535\nrtp_port_end = 65535\n"
           "[nat]\nsip_udp_port = 1\nsip_udp_public_ip = '203.0.113.7'\ngw_public_ip = '203.0.113.7'\n"
-          "gw_interface = 'abcdefghijklmno'\nsip_tcp_public_ip = '0.0.0.0'\nsip_tcp_public_port = 0\n"
+          "gw_interface = \"abcd#\\\"gh'k[m:\\u00e9\"\nsip_tcp_public_ip = '0.0.0.0'\nsip_tcp_public_port = 0\n"
           "exclusions = [{ip = '0.0.0.0', mask = '0.0.0.0'}, {ip = '10.1.2.3', mask = '255.255.255.255'}]\n"
           "sip_udp_use_stun = true\n[stun]\nserver_host = '192.0.2.1'\nsetting3 = 4294967295\n")
           .nat;
+  EXPECT_EQ(nat.gwInterface, "abcd#\"gh'k[m:\xC3\xA9");
   EXPECT_EQ(nat.sipUdpPublicPort, 1) << "the local one, as it is absent";
   EXPECT_EQ(nat.gwPublicPortStart, 65535);
   EXPECT_EQ(nat.gwPublicPortEnd, 65535);
@@ -73,8 +82,19 @@ TEST(ConfigFile, QueuesAreLimitedToUsersByNameOrNumber) {
 }
 
 TEST(ConfigFile, ARefusalNamesFileLineKeyAndReason) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"\n[nat\n", "f.toml:2: "},
+      // The TOML library aborts at these, or runs into undefined behaviour or out of stack.
+      {"\n[)x]\n", "f.toml:2: the name of a table"},
+      {"[[ \n", "f.toml:1: the name of a table"},
+      {"\xCD\x92 = 1\n", "f.toml:1: only comments may"},
+      {"[nat]\na = 0o\"#\xCF\x8A\"\n", "f.toml:2: only comments may"},
+      {"[nat]\na = [}\n", "f.toml:2: '}' closes nothing"},
+      {"[nat]\na = 1979-05-27T:\n", "f.toml:2: dates and times"},
+      {"[nat]\na = \"\"\"\n", "f.toml:2: strings of several lines"},
+      {"a = " + std::string(1 << 19, '['), "f.toml:1: nested too deeply"},
+      {Repeated("a.", 1 << 18) + "a = 1\n", "f.toml:1: the key has too many parts"},
+      {"[" + Repeated("'a' . ", 1 << 17) + "a]\n", "f.toml:1: the key has too many parts"},
       {"a = 1\n", "f.toml:1: a: unknown key"},
       {"\n[sip]\nx = 1\n", "f.toml:2: sip: unknown table"},
       {"[[nat]]\n", "f.toml:1: nat: must be a table, is an array"},

@@ -1,6 +1,7 @@
 """The bed of the system tests: a network namespace of the test's own, the real daemon in it, and natctl driven through
 pipes. Everything started here is ended here, by process id; every wait has a deadline."""
 
+import ctypes
 import json
 import os
 import pathlib
@@ -68,6 +69,32 @@ def connect(left, left_name, left_address, right, right_name, right_address):
     for namespace, name, address in ((left, left_name, left_address), (right, right_name, right_address)):
         namespace.ip("addr", "add", address, "dev", name)
         namespace.ip("link", "set", name, "up")
+
+
+def hang_agent(pid):
+    """Stops the agent's thread and no other, until the process ends. It is the one that waits in epoll."""
+
+    def waits(thread):
+        place = pathlib.Path(f"/proc/{pid}/task/{thread}/wchan").read_text()  # the function of the kernel
+        return "ep_poll" in place or "epoll" in place
+
+    def find():
+        return [int(thread) for thread in os.listdir(f"/proc/{pid}/task") if waits(thread)]
+
+    thread = wait_until(find, "the agent's thread in its wait")[0]
+    libc = ctypes.CDLL(None, use_errno=True)
+    for request in (0x4206, 0x4207):  # PTRACE_SEIZE, PTRACE_INTERRUPT
+        if libc.ptrace(request, thread, None, None) != 0:
+            raise OSError(ctypes.get_errno(), "ptrace")
+
+    def reap():
+        try:
+            while True:
+                os.waitpid(thread, 0x40000000)  # __WALL
+        except ChildProcessError:
+            pass
+
+    threading.Thread(target=reap, daemon=True).start()
 
 
 class Program:

@@ -2,7 +2,9 @@
 and how the programs end."""
 
 import os
+import pathlib
 import pwd
+import signal
 import socket
 import subprocess
 import unittest
@@ -95,15 +97,64 @@ class Host(silent_dns.SilentDnsTest):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             manager.settimeout(bed.DEADLINE)
             manager.bind(path)
+
+            def told(expected):
+                """What is told next, but for what is told every now and then."""
+                while True:
+                    text = manager.recv(4096).decode()
+                    if text.startswith(expected):
+                        return text
+                    self.assertRegex(text, "^(WATCHDOG=1|STATUS=.*)$")
+
             daemon = self.daemon(configs.STATIC)
-            told = [manager.recv(4096).decode()]
+            told("READY=1")
+            told("STATUS=parties: none; uplink: 10.77.0.2")
+            self.natctl(daemon).connect("sip", "cgi")
+            told("STATUS=parties: sip cgi; uplink: 10.77.0.2")
             daemon.reload(configs.STATIC.replace("172.20.0.0", "172.21.0.0"))
-            told += [manager.recv(4096).decode() for _ in range(2)]
+            self.assertRegex(told("RELOADING=1"), "\nMONOTONIC_USEC=[0-9]+$")
+            told("READY=1")
             self.assertEqual(daemon.stop(), 0)
-            told.append(manager.recv(4096).decode())
-        for text, expected in zip(told, ("READY=1", "RELOADING=1", "READY=1", "STOPPING=1"), strict=True):
-            self.assertIn(expected, text.split("\n"))
-        self.assertRegex(told[1], "MONOTONIC_USEC=[0-9]+")
+            told("STOPPING=1")
+
+    @unittest.skipUnless(os.environ.get("NATAGENT_SYSTEMD", "1") == "1", "built without libsystemd")
+    def test_a_hung_agent_ends_the_signs_of_life(self):
+        path = f"{self.directory}/notify"
+        self.wrap = ("env", f"NOTIFY_SOCKET={path}", "WATCHDOG_USEC=400000")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.settimeout(bed.DEADLINE)
+            manager.bind(path)
+            daemon = bed.Daemon(self.dev, self.directory, configs.STATIC, self.wrap)
+            self.addCleanup(daemon.end)
+            while manager.recv(4096) != b"WATCHDOG=1":
+                pass
+            bed.hang_agent(daemon.pid)
+            manager.settimeout(2)  # five times what the service manager waits
+            with self.assertRaises(TimeoutError):
+                for _ in range(50):
+                    manager.recv(4096)
+            daemon.signal(signal.SIGKILL)
+            daemon.wait()
+
+    def test_last_good_configuration(self):
+        state = pathlib.Path(self.directory) / "state"
+        state.mkdir(mode=0o700)
+        self.wrap = ("env", f"NATAGENT_STATE_DIR={state}")
+        crashed = self.started(bed.Daemon(self.dev, self.directory, configs.STATIC, self.wrap))
+        crashed.said("ready")
+        bed.wait_until(lambda: (state / "state").stat().st_size > 0, "the mark that it runs")
+        crashed.signal(signal.SIGKILL)
+        crashed.wait()
+        # The file is wrong by the time the daemon is started again, and stays so.
+        daemon = self.daemon("[)x]\n")
+        daemon.said("last good settings, not those of")
+        self.assertEqual(self.natctl(daemon).ask("cs sip 198.51.100.9 10.77.0.2:5060")["port"], 15060)
+        daemon.signal(signal.SIGHUP)
+        daemon.said("the settings stay as they are")
+        self.assertEqual(sum(f"{daemon.config_path}:1: the name of a table" in line for line in daemon.errors), 2)
+        self.assertEqual(daemon.stop(), 0)
+        again = bed.run(*self.dev.command(*self.wrap, bed.NATAGENTD, "--config", daemon.config_path), check=False)
+        self.assertEqual(again.returncode, 2, again.stderr)
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-// The watch on the uplink address.
+// The watch on the uplink address, and the host's on the agent thread.
 
 #include "tests/unit/support.h"
 
@@ -53,6 +53,38 @@ TEST_F(RunningAgentTest, UplinkChanges) {
     ScopedLock lock(g_settingsLock);
     EXPECT_TRUE(_NatAgent.m_qorStorage->HasGw(row.gateway));
   }
+}
+
+TEST_F(RunningAgentTest, ASignOfLifeComesFromTheAgentThreadOnly) {
+  m_source.nat.gwUseStun = 1;
+  m_source.nat.sipUdpUseStun = 1;
+  Connect(kSip);
+  Connect(kCm);
+  fake::Device()->stunPorts[10000] = {kPublic, 40000};
+  NatHostHealth health{};
+  health.size = sizeof health;
+  ASSERT_EQ(NatHostReadHealth(&health), 1);
+  EXPECT_EQ(health.answers, 0U) << "asked for the first time";
+  ASSERT_TRUE(fake::WaitUntilIdle());
+  {
+    // As a turn that does not end: the agent thread can answer no more.
+    ScopedLock lock(g_settingsLock);
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_EQ(NatHostReadHealth(&health), 1);
+      EXPECT_EQ(health.answers, 1U);
+    }
+  }
+  EXPECT_EQ(health.parties, NAT_PARTY_SIP | NAT_PARTY_CM);
+  EXPECT_EQ(health.ports_learnt, 1U);
+  EXPECT_EQ(health.uplink, kUplink);
+  NatHostHealth older{};
+  older.size = offsetof(NatHostHealth, parties);  // a host that knows no more than that
+  ASSERT_TRUE(fake::WaitUntilIdle());
+  ASSERT_EQ(NatHostReadHealth(&older), 1);
+  EXPECT_EQ(older.answers, 2U);
+  EXPECT_EQ(older.uplink, 0U);
+  StopNatMain();
+  EXPECT_EQ(NatHostReadHealth(&health), 0);
 }
 
 }  // namespace

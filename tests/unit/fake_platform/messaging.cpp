@@ -142,6 +142,7 @@ u32 NatMessenger::ResponseReverceRTPNatMapping(const u64& id, const std::list<Na
 // Configuration updates from outside are the system tests'.
 CGIMessenger::CGIMessenger(int) {}
 CGIMessenger::~CGIMessenger() = default;
+bool CGIMessenger::IsPartyOnline() const { return false; }
 bool CGIMessenger::ProcessMessageFromQueue(int) { return false; }
 int CGIMessenger::Update(UpdateType, const std::list<std::string>&, unsigned) { return 0; }
 void CGIMessenger::OnCgiPartyStateChanged(bool) {}

@@ -35,6 +35,11 @@ void StunManager::GetPortResult(u16 port, StunResult& result) {
   }
 }
 
+void StunManager::CountPorts(u32& registered, u32& known) {
+  registered = 200;
+  known = static_cast<u32>(fake::Device()->stunPorts.size());
+}
+
 void StunManager::SendScanEvent() { fake::Record("stun SendScanEvent"); }
 
 void StunManager::SetChangedPortsCallback(ChangedPortsCallback callback, void* context) {
