@@ -16,7 +16,7 @@
 #include "platform/vxnetutils/route_helper.h"
 #include "platform/vxsysutils/thread_event.h"
 #include "platform/vxsysutils/thread_mutex.h"
-#include "resolver/resolve_query.h"
+#include "resolver/name_queue.h"
 #include "rtp/reverse_nat_manager.h"
 #include "stun/stun_manager_wrapper.h"
 
@@ -79,9 +79,14 @@ class NATAGENT_EXPORT NatAgent {
   // Requests for a host name wait here until the resolver thread has looked it up.
   bool SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
                           const NatPortType& portType, const CA_PROTO& proto, const CA_PROTO& csProto);
-  bool ResolveHostName(const std::string& hostName);
+  // Queues the list's only name for a channel's party.
+  bool ResolveHostName(NameList& name, const CA_PROTO& proto);
   // Issues the requests again whose names have been resolved; false when nothing was flagged.
   bool CheckIsResolvedHostName() NAT_REQUIRES(g_settingsLock);
+
+  // The party of a channel is gone, or at the end of a run every party: nobody waits for their names any more.
+  void LeaveBehind(const CA_PROTO& proto);
+  void LeaveAllBehind();
 
   // Tells the call agents that the public side of signalling ports changed. Any thread while the agent runs.
   bool NotifyToCSNatChanges(const CA_PROTO& proto);
@@ -110,6 +115,12 @@ class NATAGENT_EXPORT NatAgent {
   friend unsigned long HostNameResolver(void* agent);
 
   NatCAMessenger* ChannelOf(const CA_PROTO& proto);
+  // Issues a request again, now that its destination is known.
+  void Reissue(const ResolveQuery& query, u32 address) NAT_REQUIRES(g_settingsLock);
+  // The request waits no more; its name does until its look-up.
+  void GiveUpName(const ResolveQuery& query) NAT_REQUIRES(m_resolveEvent);
+  // Drops what gone parties left beyond the bounds, the oldest first.
+  void DropBeyondBounds() NAT_REQUIRES(m_resolveEvent);
   // The current run, or none. Any thread.
   std::shared_ptr<RunLink> CurrentRun();
   // The run's parts, made in order; and destroyed.
@@ -125,11 +136,11 @@ class NATAGENT_EXPORT NatAgent {
   std::atomic<u32> m_upLinkIp;  // network byte order; 0: unknown
 
  private:
-  std::list<std::string> m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);  // oldest first
+  NameQueue m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);
   ThreadEvent m_resolveEvent;
   void* m_resolverThread;
   void* m_ipWatchThread;
-  std::list<ResolvedName> m_resolvedNames NAT_GUARDED_BY(m_resolvedMutex);  // oldest first
+  NameList m_resolvedNames NAT_GUARDED_BY(m_resolvedMutex);  // oldest first
   ThreadMutex m_resolvedMutex;
   std::list<ResolveQuery> m_pendingQueries;  // agent thread only
   std::atomic<bool> m_routeChanged;

@@ -27,6 +27,9 @@ bool IsAddress(const std::string& destination, u32& address) {
 }  // namespace
 
 bool NatCAMessenger::OnPartyStateChanged(bool online) {
+  if (!online) {
+    _NatAgent.LeaveBehind(m_proto);
+  }
   const char* name = PartyName(m_proto);
   if (name == nullptr) {
     return false;

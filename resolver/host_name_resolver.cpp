@@ -1,25 +1,74 @@
 // Host names of destinations: a request for one waits in m_pendingQueries while the resolver thread looks its name up,
-// one name at a time and in order, and the main loop issues it again with the address. Nothing is cached.
+// one name at a time, and the main loop issues it again with the address. Nothing is cached.
 
 #include "agent/nat_agent.h"
-#include "platform/messaging/nat_messenger.h"
 #include "platform/sockets/host_lookup.h"
+
+namespace {
+
+constexpr std::size_t kItemBytes = 4 * sizeof(void*);  // an item's node in a list, with what the allocator adds
+
+// What a name occupies until it has been looked up.
+std::size_t NameBytes(const std::string& hostName) { return sizeof(ResolvedName) + hostName.size(); }
+
+// The same with the request that waits for it.
+std::size_t RequestBytes(const std::string& hostName, const std::list<NatItem>& items) {
+  return NameBytes(hostName) + sizeof(ResolveQuery) + hostName.size() + items.size() * kItemBytes;
+}
+
+}  // namespace
 
 bool NatAgent::SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
                                   const NatPortType& portType, const CA_PROTO& proto, const CA_PROTO& csProto) {
   const bool rtp = proto == CA_PROTO_CM || proto == CA_PROTO_CC;
   Log().TraceFormat("Got %s Request\r\nDest host name - %s\r\nSetQueryforResolve\r\nqueryId = %llu\r\n",
                     rtp ? "RTP" : "CS", hostName.c_str(), static_cast<unsigned long long>(queryId));
-  m_pendingQueries.push_back({queryId, hostName, items, portType, proto, csProto, NatMessenger::KeepRequest()});
-  ResolveHostName(hostName);
+  NameList name;
+  name.push_back({hostName});
+  std::list<ResolveQuery> query;
+  query.push_back({queryId, hostName, items, portType, proto, csProto, name.begin()});
+  name.front().request = LateRequest(RequestBytes(hostName, items));  // nothing throws from here on
+  ResolveHostName(name, proto);
+  m_pendingQueries.splice(m_pendingQueries.end(), query);
   return true;
 }
 
-bool NatAgent::ResolveHostName(const std::string& hostName) {
+bool NatAgent::ResolveHostName(NameList& name, const CA_PROTO& proto) {
   ScopedLock lock(m_resolveEvent);
-  m_namesToResolve.push_back(hostName);
+  m_namesToResolve.Push(proto, name);
   m_resolveEvent.SetEvent();
   return true;
+}
+
+void NatAgent::GiveUpName(const ResolveQuery& query) {
+  m_namesToResolve.GiveUp(query.name);
+  query.name->request.Resize(NameBytes(query.hostName));
+}
+
+void NatAgent::LeaveBehind(const CA_PROTO& proto) {
+  ScopedLock lock(m_resolveEvent);
+  m_namesToResolve.GiveUp(proto);
+  DropBeyondBounds();
+}
+
+void NatAgent::LeaveAllBehind() {
+  ScopedLock lock(m_resolveEvent);
+  m_namesToResolve.GiveUp();
+  DropBeyondBounds();
+}
+
+void NatAgent::DropBeyondBounds() {
+  NameList& left = m_namesToResolve.Left();
+  NameList dropped;
+  for (auto name = left.begin(); name != left.end();) {
+    const auto here = name++;
+    if (here->request.DropIfBeyondBounds()) {
+      dropped.splice(dropped.end(), left, here);
+    }
+  }
+  if (!dropped.empty()) {
+    std::erase_if(m_pendingQueries, [](const ResolveQuery& query) { return !query.name->request.IsKept(); });
+  }
 }
 
 unsigned long HostNameResolver(void* agent) {
@@ -31,31 +80,30 @@ unsigned long HostNameResolver(void* agent) {
   run->Trace("Starting Resolving Thread\r\n");
   const std::stop_token stop = run->StopToken();
   while (run->Running()) {
-    std::string name;
+    NameList name;
     {
       ScopedLock lock(self.m_resolveEvent);
       self.m_resolveEvent.WaitForEvent(nullptr);
-      if (self.m_namesToResolve.empty()) {
+      if (self.m_namesToResolve.IsEmpty()) {
         self.m_resolveEvent.ResetEvent();
         continue;
       }
-      name = std::move(self.m_namesToResolve.front());
-      self.m_namesToResolve.pop_front();
-      if (self.m_namesToResolve.empty()) {
+      name = self.m_namesToResolve.Pop();
+      if (self.m_namesToResolve.IsEmpty()) {
         self.m_resolveEvent.ResetEvent();
       }
     }
-    const u32 address = sockets::LookUpHost(name.c_str(), stop);
+    name.front().address = sockets::LookUpHost(name.front().hostName.c_str(), stop);
     if (!run->Running()) {
-      // Abandoned, or too late for this run: the name is the next run's first, as its request still waits.
+      // Abandoned, or too late for this run: the next run looks it up, as its request still waits.
       ScopedLock lock(self.m_resolveEvent);
-      self.m_namesToResolve.push_front(std::move(name));
+      self.m_namesToResolve.Return(name);
       self.m_resolveEvent.SetEvent();
       break;
     }
     {
       ScopedLock lock(self.m_resolvedMutex);
-      self.m_resolvedNames.push_back({std::move(name), address});
+      self.m_resolvedNames.splice(self.m_resolvedNames.end(), name);
     }
     self.m_namesResolved = true;
     run->Wake();
@@ -68,27 +116,37 @@ bool NatAgent::CheckIsResolvedHostName() {
     return false;
   }
   m_namesResolved = false;
-  ScopedLock lock(m_resolvedMutex);
-  while (!m_resolvedNames.empty()) {
-    const ResolvedName resolved = std::move(m_resolvedNames.front());
-    m_resolvedNames.pop_front();
-    for (auto query = m_pendingQueries.begin(); query != m_pendingQueries.end();) {
-      if (query->hostName != resolved.hostName) {
-        ++query;
-        continue;
+  NameList done;
+  std::list<ResolveQuery> answered;
+  {
+    ScopedLock lock(m_resolvedMutex);
+    while (!m_resolvedNames.empty()) {
+      done.splice(done.end(), m_resolvedNames, m_resolvedNames.begin());
+      const ResolvedName& resolved = done.back();
+      for (auto query = m_pendingQueries.begin(); query != m_pendingQueries.end();) {
+        const auto here = query++;
+        if (here->hostName == resolved.hostName) {
+          answered.splice(answered.end(), m_pendingQueries, here);
+          Reissue(*here, resolved.address);
+        }
       }
-      NatMessenger::ResumeRequest(query->ticket);
-      if (query->proto == CA_PROTO_CM || query->proto == CA_PROTO_CC) {
-        Log().TraceNumber("CA_Proto ", query->proto);
-        OnRequestRTPNatMapping(query->queryId, resolved.address, query->items, query->proto, query->csProto);
-      } else {
-        // Also of a list only the first item is answered, through the single-item form.
-        const NatItem item = query->items.empty() ? NatItem{} : query->items.front();
-        OnRequestCSNatMapping(query->queryId, resolved.address, item, query->proto, query->portType);
-      }
-      NatMessenger::FinishRequest(query->ticket);
-      query = m_pendingQueries.erase(query);
     }
   }
+  ScopedLock lock(m_resolveEvent);
+  for (const ResolveQuery& query : answered) {
+    GiveUpName(query);
+  }
   return true;
+}
+
+void NatAgent::Reissue(const ResolveQuery& query, u32 address) {
+  const RequestScope scope(query.name->request.Account());
+  if (query.proto == CA_PROTO_CM || query.proto == CA_PROTO_CC) {
+    Log().TraceNumber("CA_Proto ", query.proto);
+    OnRequestRTPNatMapping(query.queryId, address, query.items, query.proto, query.csProto);
+  } else {
+    // Also of a list only the first item is answered, through the single-item form.
+    const NatItem item = query.items.empty() ? NatItem{} : query.items.front();
+    OnRequestCSNatMapping(query.queryId, address, item, query.proto, query.portType);
+  }
 }

@@ -2,12 +2,11 @@
 
 #include <cassert>
 
-#include "platform/messaging/late_requests.h"
+#include "platform/messaging/late_request.h"
 #include "platform/messaging/party_queue.h"
 
 using messaging::Frame;
 using messaging::FrameKind;
-using messaging::LateRequests;
 
 namespace {
 
@@ -38,11 +37,14 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   assert(count == 1);
   const PartyQueue::Turn turn = m_queue->Process();
   if (turn == PartyQueue::Turn::CONNECTED) OnPartyStateChanged(true);
-  if (turn == PartyQueue::Turn::HUNG_UP) OnPartyStateChanged(false);
+  if (turn == PartyQueue::Turn::HUNG_UP) {
+    OnPartyStateChanged(false);
+    m_queue->ReportDropped();
+  }
   if (turn != PartyQueue::Turn::MESSAGE) return turn != PartyQueue::Turn::IDLE;
 
   const Frame& request = m_queue->Message();
-  m_queue->BeginRequest();
+  const RequestScope scope(m_queue->Account());
   switch (request.kind) {
     case FrameKind::CS_REQUEST:
       OnRequestCSNatMapping(request.queryId, request.text, request.items.front(),
@@ -63,15 +65,8 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
     default:
       assert(false && "the decoder lets only requests through");
   }
-  m_queue->EndRequest();
   return true;
 }
-
-u64 NatMessenger::KeepRequest() { return LateRequests::Shared()->Keep(); }
-
-void NatMessenger::ResumeRequest(u64 ticket) { LateRequests::Shared()->Resume(ticket); }
-
-void NatMessenger::FinishRequest(u64 ticket) { LateRequests::Shared()->Finish(ticket); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const NatItem& item, const NatFlag& flag, const u32& value) {
   Frame& answer = m_queue->Answer(FrameKind::CS_ANSWER, queryId, value);

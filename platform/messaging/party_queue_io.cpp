@@ -43,7 +43,9 @@ PartyQueue::Turn PartyQueue::Receive() {
 // An empty packet and the end of the connection look alike to recv. Empty packets right before the end may count as
 // the end: nothing is lost with them.
 bool PartyQueue::IsEmptyPacket() const {
-  if (!HasPeerHungUp()) return true;
+  if (!HasPeerHungUp(/*inFull=*/false)) {
+    return true;
+  }
   int unread = 0;
   return ::ioctl(m_peer.Get(), SIOCINQ, &unread) == 0 && unread > 0;
 }
@@ -60,7 +62,7 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
   return m_answer;
 }
 
-bool PartyQueue::SendAnswer() { return m_late->IsForParty(*this) && SendFrame(); }
+bool PartyQueue::SendAnswer() { return RequestScope::IsFor(m_account) && SendFrame(); }
 
 bool PartyQueue::SendFrame() {
   if (!m_peer || !m_peerReads) return false;

@@ -1,6 +1,7 @@
 #include "platform/messaging/cfg_update_messenger.h"
 #include "platform/messaging/cgi_messenger.h"
 #include "platform/messaging/cyclic_queue_poller.h"
+#include "platform/messaging/late_request.h"
 #include "platform/messaging/nat_messenger.h"
 #include "platform/sockets/inet.h"
 #include "tests/unit/fake_platform/fake.h"
@@ -10,7 +11,63 @@ using fake::Message;
 class PartyQueue {
  public:
   u32 number;
+  std::shared_ptr<messaging::PartyAccount> account;
 };
+
+// Of every party that the queue has.
+class messaging::PartyAccount {
+ public:
+  u32 queue;
+};
+
+namespace {
+
+const RequestScope* s_scope = nullptr;  // main loop's thread only
+
+}  // namespace
+
+RequestScope::RequestScope(const std::shared_ptr<messaging::PartyAccount>& account)
+    : m_account(account), m_outer(std::exchange(s_scope, this)) {}
+RequestScope::~RequestScope() { s_scope = m_outer; }
+
+LateRequest::LateRequest(std::size_t bytes) : m_account(s_scope->m_account) {
+  ++fake::Device()->kept[m_account->queue].requests;
+  Resize(bytes);
+}
+
+LateRequest& LateRequest::operator=(LateRequest other) noexcept {
+  swap(other);
+  return *this;
+}
+
+LateRequest::~LateRequest() {
+  if (m_account != nullptr) {
+    Resize(0);
+    --fake::Device()->kept[m_account->queue].requests;
+  }
+}
+
+void LateRequest::Resize(std::size_t bytes) {
+  fake::Device()->kept[m_account->queue].bytes += bytes - m_bytes;
+  m_bytes = bytes;
+}
+
+bool LateRequest::DropIfBeyondBounds() {
+  {
+    fake::Device device;
+    const u32 queue = m_account->queue;
+    if (device->online.contains(queue) || device->kept[queue].requests <= device->mayBeLeft) {
+      return false;
+    }
+  }
+  *this = {};
+  return true;
+}
+
+void LateRequest::swap(LateRequest& other) noexcept {
+  m_account.swap(other.m_account);
+  std::swap(m_bytes, other.m_bytes);
+}
 
 struct CyclicQueuePoller::Impl {};
 
@@ -64,7 +121,8 @@ u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespIte
 }  // namespace
 
 NatMessenger::NatMessenger(u32 queue)
-    : m_proto(static_cast<CA_PROTO>(kProtocols[queue - 112])), m_queue(new PartyQueue{queue}) {}
+    : m_proto(static_cast<CA_PROTO>(kProtocols[queue - 112])),
+      m_queue(new PartyQueue{queue, std::shared_ptr<messaging::PartyAccount>(new messaging::PartyAccount{queue})}) {}
 NatMessenger::~NatMessenger() = default;
 
 bool NatMessenger::IsPartyOnline() const { return fake::Device()->online.contains(m_queue->number); }
@@ -81,6 +139,7 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
     waiting.pop_front();
   }
   const auto& [kind, id, destination, items, value, portType] = message;
+  const RequestScope scope(m_queue->account);
   switch (kind) {
     case Message::CONNECT:
       fake::Device()->online.insert(m_queue->number);
@@ -108,11 +167,6 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
   }
   return true;
 }
-
-// Whose an answer is, is the Linux layer's business.
-u64 NatMessenger::KeepRequest() { return 1; }
-void NatMessenger::ResumeRequest(u64) {}
-void NatMessenger::FinishRequest(u64) {}
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {
   fake::Record("send ", m_queue->number, " cs ", id, ' ', sockets::inet_ntoa(item.ip), ':', item.port, '/', flag,

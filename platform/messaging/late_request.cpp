@@ -1,0 +1,58 @@
+#include "platform/messaging/late_request.h"
+
+#include <utility>
+
+#include "platform/messaging/party_account.h"
+
+namespace {
+
+constinit const RequestScope* s_innermost = nullptr;
+
+}  // namespace
+
+RequestScope::RequestScope(const std::shared_ptr<messaging::PartyAccount>& account)
+    : m_account(account), m_outer(std::exchange(s_innermost, this)) {}
+
+RequestScope::~RequestScope() { s_innermost = m_outer; }
+
+bool RequestScope::IsFor(const std::shared_ptr<messaging::PartyAccount>& account) {
+  return s_innermost == nullptr || s_innermost->m_account == account;
+}
+
+LateRequest::LateRequest(std::size_t bytes) : m_bytes(bytes) {
+  if (s_innermost != nullptr && s_innermost->m_account != nullptr) {
+    m_account = s_innermost->m_account;
+    m_account->Change(1, static_cast<std::ptrdiff_t>(m_bytes));
+  }
+}
+
+LateRequest& LateRequest::operator=(LateRequest other) noexcept {
+  swap(other);
+  return *this;
+}
+
+LateRequest::~LateRequest() {
+  if (m_account != nullptr) {
+    m_account->Change(-1, -static_cast<std::ptrdiff_t>(m_bytes));
+  }
+}
+
+void LateRequest::Resize(std::size_t bytes) {
+  if (m_account != nullptr) {
+    m_account->Change(0, static_cast<std::ptrdiff_t>(bytes) - static_cast<std::ptrdiff_t>(m_bytes));
+  }
+  m_bytes = bytes;
+}
+
+bool LateRequest::DropIfBeyondBounds() {
+  if (m_account == nullptr || !m_account->Drops()) {
+    return false;
+  }
+  *this = {};
+  return true;
+}
+
+void LateRequest::swap(LateRequest& other) noexcept {
+  m_account.swap(other.m_account);
+  std::swap(m_bytes, other.m_bytes);
+}
