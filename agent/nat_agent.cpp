@@ -112,6 +112,7 @@ void NatAgent::DestroyParts() {
   m_configManager = nullptr;
   delete m_messenger;
   m_messenger = nullptr;
+  LeaveAllBehind();
   delete m_log;
   m_log = nullptr;
   m_ipWatchThread = nullptr;

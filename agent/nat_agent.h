@@ -17,7 +17,7 @@
 #include "platform/vxnetutils/route_helper.h"
 #include "platform/vxsysutils/thread_event.h"
 #include "platform/vxsysutils/thread_mutex.h"
-#include "resolver/resolve_query.h"
+#include "resolver/name_queue.h"
 #include "rtp/reverse_nat_manager.h"
 #include "stun/stun_manager_wrapper.h"
 
@@ -85,9 +85,14 @@ class NATAGENT_EXPORT NatAgent {
   // Requests for a host name wait here until the resolver thread has looked it up.
   bool SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
                           const NatPortType& portType, const CA_PROTO& proto, const CA_PROTO& csProto);
+  // Has a name looked up that no request waits for. Part of the device's interface: the agent queues its own otherwise.
   bool ResolveHostName(const std::string& hostName);
   // Issues the requests again whose names have been resolved; false when nothing was flagged.
   bool CheckIsResolvedHostName() NAT_REQUIRES(g_settingsLock);
+
+  // The party of a channel is gone, or at the end of a run every party: nobody waits for their names any more.
+  void LeaveBehind(const CA_PROTO& proto);
+  void LeaveAllBehind();
 
   // Tells the call agents that the public side of signalling ports changed. Any thread while the agent runs.
   bool NotifyToCSNatChanges(const CA_PROTO& proto);
@@ -116,8 +121,14 @@ class NATAGENT_EXPORT NatAgent {
   friend unsigned long HostNameResolver(void* run);
 
   NatCAMessenger* ChannelOf(const CA_PROTO& proto);
-  // Answers a request whose name has been looked up, whatever is thrown meanwhile.
+  // Issues a request again, now that its destination is known, whatever is thrown meanwhile.
   void Reissue(const ResolveQuery& query, u32 address) NAT_REQUIRES(g_settingsLock);
+  // Queues the list's only name for a channel's party.
+  void QueueName(NameList& name, const CA_PROTO& proto);
+  // The request waits no more; its name does until its look-up.
+  void GiveUpName(const ResolveQuery& query) NAT_REQUIRES(m_resolveEvent);
+  // Drops what gone parties left beyond the bounds, the oldest first.
+  void DropBeyondBounds() NAT_REQUIRES(m_resolveEvent);
   // Compares the uplink's address with the route's and reacts.
   void FollowUplink() NAT_REQUIRES(g_settingsLock);
   // The current run, or none. Any thread.
@@ -138,11 +149,11 @@ class NATAGENT_EXPORT NatAgent {
   std::atomic<u32> m_upLinkIp;  // network byte order; 0: unknown
 
  private:
-  std::list<ResolvedName> m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);  // oldest first
+  NameQueue m_namesToResolve NAT_GUARDED_BY(m_resolveEvent);
   ThreadEvent m_resolveEvent;
   void* m_resolverThread;
   void* m_ipWatchThread;
-  std::list<ResolvedName> m_resolvedNames NAT_GUARDED_BY(m_resolvedMutex);  // oldest first
+  NameList m_resolvedNames NAT_GUARDED_BY(m_resolvedMutex);  // oldest first
   ThreadMutex m_resolvedMutex;
   std::list<ResolveQuery> m_pendingQueries;  // agent thread only
   std::atomic<bool> m_routeChanged;

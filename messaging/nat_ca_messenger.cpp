@@ -3,6 +3,7 @@
 #include "agent/faults.h"
 #include "agent/nat_agent.h"
 #include "messaging/nat_agent_messenger.h"
+#include "platform/messaging/late_request.h"
 #include "platform/sockets/inet.h"
 
 namespace {
@@ -29,6 +30,9 @@ bool IsAddress(const std::string& destination, u32& address) {
 }  // namespace
 
 bool NatCAMessenger::OnPartyStateChanged(bool online) {
+  if (!online) {
+    _NatAgent.LeaveBehind(m_proto);
+  }
   const char* name = PartyName(m_proto);
   if (name == nullptr) {
     return false;
@@ -132,7 +136,7 @@ void NatCAMessenger::FailRequest(RequestKind kind, const u64& queryId, const std
                                  u32 csProto) noexcept {
   ReportFault("a request was not handled to its end");
   // Queue 113 is not answered.
-  if (!IsRequestOpen() || PartyName(m_proto) == nullptr) {
+  if (!RequestScope::IsOpen() || PartyName(m_proto) == nullptr) {
     return;
   }
   if (!Contain("a party is hung up on", [&] { AnswerNoMapping(kind, queryId, items, csProto); })) {

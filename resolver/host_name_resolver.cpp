@@ -1,29 +1,84 @@
 // Host names of destinations: a request for one waits in m_pendingQueries while the resolver thread looks its name up,
-// one name at a time and in order, and the main loop issues it again with the address. Nothing is cached.
+// one name at a time, and the main loop issues it again with the address. Nothing is cached.
 
 #include "agent/faults.h"
 #include "agent/nat_agent.h"
 #include "messaging/nat_agent_messenger.h"
 #include "platform/sockets/host_lookup.h"
 
+namespace {
+
+constexpr std::size_t kItemBytes = 4 * sizeof(void*);  // an item's node in a list, with what the allocator adds
+
+// What a name occupies until it has been looked up.
+std::size_t NameBytes(const std::string& hostName) { return sizeof(ResolvedName) + hostName.size(); }
+
+// The same with the request that waits for it.
+std::size_t RequestBytes(const std::string& hostName, const std::list<NatItem>& items) {
+  return NameBytes(hostName) + sizeof(ResolveQuery) + hostName.size() + items.size() * kItemBytes;
+}
+
+}  // namespace
+
 bool NatAgent::SetQueryforResolve(const u64& queryId, const std::string& hostName, const std::list<NatItem>& items,
                                   const NatPortType& portType, const CA_PROTO& proto, const CA_PROTO& csProto) {
   const bool rtp = proto == CA_PROTO_CM || proto == CA_PROTO_CC;
   Log().TraceFormat("Got %s Request\r\nDest host name - %s\r\nSetQueryforResolve\r\nqueryId = %llu\r\n",
                     rtp ? "RTP" : "CS", hostName.c_str(), static_cast<unsigned long long>(queryId));
+  NameList name;
+  name.push_back({hostName});
   std::list<ResolveQuery> query;
-  query.push_back({queryId, hostName, items, portType, proto, csProto});
-  ResolveHostName(hostName);
-  query.front().ticket = NatMessenger::KeepRequest();  // the last step that can throw: nothing waits when one has
+  query.push_back({queryId, hostName, items, portType, proto, csProto, name.begin()});
+  name.front().request = LateRequest(RequestBytes(hostName, items));  // nothing throws from here on
+  QueueName(name, proto);
   m_pendingQueries.splice(m_pendingQueries.end(), query);
   return true;
 }
 
 bool NatAgent::ResolveHostName(const std::string& hostName) {
+  NameList name;
+  name.push_back({hostName});
   ScopedLock lock(m_resolveEvent);
-  m_namesToResolve.push_back({hostName});
+  m_namesToResolve.Left().splice(m_namesToResolve.Left().end(), name);
   m_resolveEvent.SetEvent();
   return true;
+}
+
+void NatAgent::QueueName(NameList& name, const CA_PROTO& proto) {
+  ScopedLock lock(m_resolveEvent);
+  m_namesToResolve.Push(proto, name);
+  m_resolveEvent.SetEvent();
+}
+
+void NatAgent::GiveUpName(const ResolveQuery& query) {
+  m_namesToResolve.GiveUp(query.name);
+  query.name->request.Resize(NameBytes(query.hostName));
+}
+
+void NatAgent::LeaveBehind(const CA_PROTO& proto) {
+  ScopedLock lock(m_resolveEvent);
+  m_namesToResolve.GiveUp(proto);
+  DropBeyondBounds();
+}
+
+void NatAgent::LeaveAllBehind() {
+  ScopedLock lock(m_resolveEvent);
+  m_namesToResolve.GiveUp();
+  DropBeyondBounds();
+}
+
+void NatAgent::DropBeyondBounds() {
+  NameList& left = m_namesToResolve.Left();
+  NameList dropped;
+  for (auto name = left.begin(); name != left.end();) {
+    const auto here = name++;
+    if (here->request.DropIfBeyondBounds()) {
+      dropped.splice(dropped.end(), left, here);
+    }
+  }
+  if (!dropped.empty()) {
+    std::erase_if(m_pendingQueries, [](const ResolveQuery& query) { return !query.name->request.IsKept(); });
+  }
 }
 
 unsigned long HostNameResolver(void* argument) {
@@ -32,28 +87,28 @@ unsigned long HostNameResolver(void* argument) {
   run->Trace("Starting Resolving Thread\r\n");
   const std::stop_token stop = run->StopToken();
   while (run->Running()) {
-    std::list<ResolvedName> name;  // one, which goes from list to list: it cannot be lost for want of memory
+    NameList name;
     {
       ScopedLock lock(self.m_resolveEvent);
       self.m_resolveEvent.WaitForEvent(nullptr);
       if (!run->Running()) {
         break;  // the event stays set: the next run looks again
       }
-      if (self.m_namesToResolve.empty()) {
+      if (self.m_namesToResolve.IsEmpty()) {
         self.m_resolveEvent.ResetEvent();
         continue;
       }
-      name.splice(name.end(), self.m_namesToResolve, self.m_namesToResolve.begin());
-      if (self.m_namesToResolve.empty()) {
+      name = self.m_namesToResolve.Pop();
+      if (self.m_namesToResolve.IsEmpty()) {
         self.m_resolveEvent.ResetEvent();
       }
     }
     Contain("a name is not looked up",
             [&] { name.front().address = sockets::LookUpHost(name.front().hostName.c_str(), stop); });
     if (!run->Running()) {
-      // Abandoned, or too late for this run: the name is the next run's first, as its request still waits.
+      // Abandoned, or too late for this run: the next run looks it up, as its request still waits.
       ScopedLock lock(self.m_resolveEvent);
-      self.m_namesToResolve.splice(self.m_namesToResolve.begin(), name);
+      self.m_namesToResolve.Return(name);
       self.m_resolveEvent.SetEvent();
       break;
     }
@@ -72,25 +127,32 @@ bool NatAgent::CheckIsResolvedHostName() {
     return false;
   }
   m_namesResolved = false;
-  ScopedLock lock(m_resolvedMutex);
-  while (!m_resolvedNames.empty()) {
-    const ResolvedName resolved = std::move(m_resolvedNames.front());
-    m_resolvedNames.pop_front();
-    for (auto query = m_pendingQueries.begin(); query != m_pendingQueries.end();) {
-      if (query->hostName != resolved.hostName) {
-        ++query;
-        continue;
+  NameList done;
+  std::list<ResolveQuery> answered;
+  {
+    ScopedLock lock(m_resolvedMutex);
+    while (!m_resolvedNames.empty()) {
+      done.splice(done.end(), m_resolvedNames, m_resolvedNames.begin());
+      const ResolvedName& resolved = done.back();
+      for (auto query = m_pendingQueries.begin(); query != m_pendingQueries.end();) {
+        const auto here = query++;
+        if (here->hostName == resolved.hostName) {
+          answered.splice(answered.end(), m_pendingQueries, here);
+          Reissue(*here, resolved.address);
+        }
       }
-      Reissue(*query, resolved.address);
-      query = m_pendingQueries.erase(query);
     }
+  }
+  ScopedLock lock(m_resolveEvent);
+  for (const ResolveQuery& query : answered) {
+    GiveUpName(query);
   }
   return true;
 }
 
 void NatAgent::Reissue(const ResolveQuery& query, u32 address) {
+  const RequestScope scope(query.name->request.Account());
   const bool rtp = query.proto == CA_PROTO_CM || query.proto == CA_PROTO_CC;
-  NatMessenger::ResumeRequest(query.ticket);
   try {
     if (rtp) {
       Log().TraceNumber("CA_Proto ", query.proto);
@@ -108,5 +170,4 @@ void NatAgent::Reissue(const ResolveQuery& query, u32 address) {
       ReportFault("a request was not handled to its end");
     }
   }
-  NatMessenger::FinishRequest(query.ticket);
 }

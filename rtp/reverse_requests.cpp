@@ -36,7 +36,10 @@ bool NatAgent::CloseRTPNatMapping(const u64& queryId) {
   const auto waiting = std::find_if(m_pendingQueries.begin(), m_pendingQueries.end(),
                                     [&](const ResolveQuery& query) { return query.queryId == queryId; });
   if (waiting != m_pendingQueries.end()) {
-    NatMessenger::FinishRequest(waiting->ticket);
+    {
+      ScopedLock lock(m_resolveEvent);
+      GiveUpName(*waiting);
+    }
     m_pendingQueries.erase(waiting);
   }
   return true;

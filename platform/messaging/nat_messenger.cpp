@@ -2,12 +2,11 @@
 
 #include <cassert>
 
-#include "platform/messaging/late_requests.h"
+#include "platform/messaging/late_request.h"
 #include "platform/messaging/party_queue.h"
 
 using messaging::Frame;
 using messaging::FrameKind;
-using messaging::LateRequests;
 
 namespace {
 
@@ -24,18 +23,6 @@ CA_PROTO ProtocolOf(u32 queue) {
   }
 }
 
-// A request is in hand while this lives, also when its handler throws.
-class RequestInHand {
- public:
-  explicit RequestInHand(PartyQueue& queue) : m_queue(queue) { m_queue.BeginRequest(); }
-  ~RequestInHand() { m_queue.EndRequest(); }
-  RequestInHand(const RequestInHand&) = delete;
-  RequestInHand& operator=(const RequestInHand&) = delete;
-
- private:
-  PartyQueue& m_queue;
-};
-
 }  // namespace
 
 NatMessenger::NatMessenger(u32 queue)
@@ -50,10 +37,13 @@ bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   assert(count == 1);
   const PartyQueue::Turn turn = m_queue->Process();
   if (turn == PartyQueue::Turn::CONNECTED) OnPartyStateChanged(true);
-  if (turn == PartyQueue::Turn::HUNG_UP) OnPartyStateChanged(false);
+  if (turn == PartyQueue::Turn::HUNG_UP) {
+    OnPartyStateChanged(false);
+    m_queue->ReportDropped();
+  }
   if (turn != PartyQueue::Turn::MESSAGE) return turn != PartyQueue::Turn::IDLE;
 
-  const RequestInHand inHand(*m_queue);
+  const RequestScope scope(m_queue->Account());
   Dispatch(m_queue->Message());
   return true;
 }
@@ -80,14 +70,6 @@ void NatMessenger::Dispatch(const Frame& request) {
       assert(false && "the decoder lets only requests through");
   }
 }
-
-u64 NatMessenger::KeepRequest() { return LateRequests::Shared()->Keep(); }
-
-void NatMessenger::ResumeRequest(u64 ticket) { LateRequests::Shared()->Resume(ticket); }
-
-void NatMessenger::FinishRequest(u64 ticket) { LateRequests::Shared()->Finish(ticket); }
-
-bool NatMessenger::IsRequestOpen() { return LateRequests::Shared()->IsOpen(); }
 
 void NatMessenger::HangUp() noexcept { m_queue->GiveUpParty(); }
 

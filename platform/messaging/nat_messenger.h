@@ -15,8 +15,8 @@ struct Frame;
 
 // One call agent's queue: turns what arrives into calls of the virtual handlers and sends the answers back. A request
 // that is malformed in any way is answered with an error frame here and reaches no handler. All operations belong to
-// the one thread that processes the queues. A request that a handler does not answer is kept by it and
-// finished later; while too many of them wait, no further one of this party is taken.
+// the one thread that processes the queues. A handler that does not answer a request keeps it as a LateRequest; while
+// too many requests of the party wait so, the next one is not taken.
 class NatMessenger {
  public:
   // Opens the queue; a queue that cannot be opened is reported in the journal and never has anything to process.
@@ -31,16 +31,6 @@ class NatMessenger {
   // waited.
   virtual bool ProcessMessageFromQueue(int count);
 
-  // Within a handler: the request will be answered later. Its ticket, never 0 and never given twice; 0 outside of one.
-  static u64 KeepRequest();
-  // What is answered between the two is the answer to that request, and reaches the party that asked only: nobody, when
-  // the queue has gone since. Finishing alone says that there will be no answer. For 0 it is the present party.
-  static void ResumeRequest(u64 ticket);
-  static void FinishRequest(u64 ticket);
-
-  // Whether the request that is being handled, or was resumed, still needs an answer: it has neither been answered nor
-  // kept, and its party is there. For a handler that failed half-way.
-  static bool IsRequestOpen();
   // Hangs up on the party, which then waits no longer for an answer that cannot be given. Throws nothing.
   void HangUp() noexcept;
 

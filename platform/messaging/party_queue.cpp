@@ -45,7 +45,9 @@ void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
 }
 
 PartyQueue::~PartyQueue() {
-  m_late->Forget(*this);
+  if (m_account != nullptr) {
+    m_account->Orphan();
+  }
   m_socket.reset();
   messaging::QueueRegistry::Leave(*this);
 }
@@ -69,32 +71,33 @@ PartyQueue::Turn PartyQueue::Process() {
     Flush();
     return Turn::DONE;
   }
+  if (m_heldBack && HasPeerHungUp(/*inFull=*/true)) {
+    m_account->Orphan();
+  }
   return m_heldBack ? Turn::DONE : Receive();
 }
 
 unsigned PartyQueue::AskReady() const {
-  const bool unheard = m_heldBack && m_waiting.empty();
-  pollfd asked[] = {{m_socket->Get(), POLLIN, 0},
-                    {unheard ? -1 : m_peer.Get(), static_cast<short>(m_waiting.empty() ? POLLIN : POLLOUT), 0},
-                    {m_inbox.Doorbell(), POLLIN, 0}};
+  const int wanted = !m_waiting.empty() ? POLLOUT : m_heldBack ? 0 : POLLIN;  // a full hang-up is reported anyway
+  pollfd asked[] = {
+      {m_socket->Get(), POLLIN, 0}, {m_peer.Get(), static_cast<short>(wanted), 0}, {m_inbox.Doorbell(), POLLIN, 0}};
   if (::poll(asked, std::size(asked), 0) <= 0) return 0;
   return (asked[0].revents != 0 ? LISTENER : 0U) | (asked[1].revents != 0 ? PEER : 0U) |
          (asked[2].revents != 0 ? DOORBELL : 0U);
 }
 
-bool PartyQueue::HasPeerHungUp() const {
-  pollfd asked{m_peer.Get(), POLLRDHUP, 0};
+// Whether nothing comes from the peer any more; in full: and it cannot read any more either.
+bool PartyQueue::HasPeerHungUp(bool inFull) const {
+  pollfd asked{m_peer.Get(), static_cast<short>(inFull ? 0 : POLLRDHUP), 0};
   return ::poll(&asked, 1, 0) > 0 && (asked.revents & (POLLHUP | POLLRDHUP)) != 0;
 }
 
-// Whether the party has hung up and is gone within a few turns, so that who waits behind it is the next party. One that
-// is held back, or has closed its sending side only and does not read its answers, may stay for ever.
-bool PartyQueue::MakesWay() const {
-  pollfd asked{m_peer.Get(), static_cast<short>(m_waiting.empty() ? POLLRDHUP : 0), 0};
-  return !(m_heldBack && m_waiting.empty()) && ::poll(&asked, 1, 0) > 0 && (asked.revents & (POLLHUP | POLLRDHUP)) != 0;
-}
+// Whether the party has hung up and is gone within a few turns, so that the peer that waits behind it is the next
+// party. One that has closed its sending side only, and waits for answers or does not read them, may stay for ever.
+bool PartyQueue::MakesWay() const { return HasPeerHungUp(/*inFull=*/m_heldBack || !m_waiting.empty()); }
 
 bool PartyQueue::Adopt() {
+  auto account = std::make_shared<messaging::PartyAccount>(*this);
   messaging::Peer from;
   UniqueFd peer = AcceptAdmitted(from);
   if (!peer) {
@@ -102,6 +105,7 @@ bool PartyQueue::Adopt() {
   }
   from.LookAtProgram();
   const std::string line = "the party of " + Name() + " connected: " + from.Text();
+  m_account = std::move(account);
   m_party = std::move(from);
   m_peer = std::move(peer);
   m_peerReads = true;
@@ -183,9 +187,17 @@ void PartyQueue::HoldBack(bool held) {
   if (std::exchange(m_heldBack, held) != held && m_peer && m_waiting.empty()) WatchPeer();
 }
 
+void PartyQueue::ReportDropped() const {
+  if (const std::size_t dropped = messaging::PartyAccount::TakeDropped(m_number)) {
+    JournalError("queue " + std::to_string(m_number) + ": dropped " + std::to_string(dropped) +
+                 " requests for host names, the oldest that parties had left unanswered when they hung up: at most " +
+                 std::to_string(LateRequest::kMaxRequests) + " of them are kept, or 1 MB");
+  }
+}
+
 void PartyQueue::HangUp() {
   JournalNotice("the party of " + Name() + " hung up: " + m_party.Text());
-  m_late->Orphan(*this);
+  m_account->Orphan();
   m_inbox.SetPartyOnline(false);
   if (m_epoll) {
     ::epoll_ctl(m_epoll->Get(), EPOLL_CTL_DEL, m_peer.Get(), nullptr);
@@ -232,10 +244,12 @@ bool PartyQueue::ControlEpoll(int operation, int fd, unsigned role, u32 events) 
   return ::epoll_ctl(m_epoll->Get(), operation, fd, &event) == 0;
 }
 
-// EPOLLONESHOT alone: nothing but a hang-up is told of, and that not over and over.
+// A full hang-up is reported in any case.
 u32 PartyQueue::PeerEvents() const {
-  if (!m_waiting.empty()) return EPOLLOUT;
-  return m_heldBack ? static_cast<u32>(EPOLLONESHOT) : static_cast<u32>(EPOLLIN);
+  if (!m_waiting.empty()) {
+    return EPOLLOUT;
+  }
+  return m_heldBack ? 0 : static_cast<u32>(EPOLLIN);
 }
 
 void PartyQueue::WatchPeer() {

@@ -7,8 +7,9 @@
 #include <string>
 
 #include "platform/messaging/frame.h"
-#include "platform/messaging/late_requests.h"
+#include "platform/messaging/late_request.h"
 #include "platform/messaging/notice_inbox.h"
+#include "platform/messaging/party_account.h"
 #include "platform/messaging/peer.h"
 #include "platform/messaging/queue_registry.h"
 #include "platform/messaging/queue_socket.h"
@@ -56,15 +57,18 @@ class PartyQueue {
   // journal error).
   bool SendAnswer();
 
-  // Around the handling of a request.
-  void BeginRequest() { m_late->Handle(this); }
-  void EndRequest() { m_late->Handle(nullptr); }
+  // What waits of the present party; null before the first.
+  const std::shared_ptr<messaging::PartyAccount>& Account() const { return m_account; }
 
   // Hangs up on the party. What it has sent is still taken, and answers are dropped. Throws nothing.
   void GiveUpParty() noexcept;
 
-  // Whether requests of the party are left untaken: it stays the party meanwhile, even when it has hung up.
+  // Whether requests of the party are left untaken. One that has hung up in full is not held back any more: what it had
+  // sent is taken, so that its successor can be.
   void HoldBack(bool held);
+
+  // After a hang-up: says in the journal how many requests of gone parties were dropped, if any.
+  void ReportDropped() const;
 
   // For a poller: from now on the epoll instance, which is shared with the poller, tells of this queue. Each event's
   // data is the number and, in the low byte, the bit of what is ready. False when the queue is not open.
@@ -87,7 +91,7 @@ class PartyQueue {
   friend class messaging::QueueRegistry;
 
   unsigned AskReady() const;
-  bool HasPeerHungUp() const;
+  bool HasPeerHungUp(bool inFull) const;
   bool MakesWay() const;
   bool Adopt();
   void RefuseNext();
@@ -131,11 +135,10 @@ class PartyQueue {
   std::chrono::steady_clock::time_point m_restEnd;
   bool m_noticeWasLast = false;  // own notices and the party take turns
 
-  const std::shared_ptr<messaging::LateRequests> m_late = messaging::LateRequests::Shared();
-  bool m_heldBack = false;
-
   UniqueFd m_peer;
-  messaging::Peer m_party;            // who that is
+  messaging::Peer m_party;  // who that is
+  std::shared_ptr<messaging::PartyAccount> m_account;
+  bool m_heldBack = false;
   bool m_peerReads = false;           // false: it has hung up on us, and what it sent is still being taken
   std::deque<std::string> m_waiting;  // encoded answers that the peer's socket had no room for
   std::string m_buffer;               // one packet, incoming

@@ -62,7 +62,9 @@ void PartyQueue::GiveUpParty() noexcept {
 // An empty packet and the end of the connection look alike to recv. Empty packets right before the end may count as
 // the end: nothing is lost with them.
 bool PartyQueue::IsEmptyPacket() const {
-  if (!HasPeerHungUp()) return true;
+  if (!HasPeerHungUp(/*inFull=*/false)) {
+    return true;
+  }
   int unread = 0;
   return ::ioctl(m_peer.Get(), SIOCINQ, &unread) == 0 && unread > 0;
 }
@@ -80,8 +82,8 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
 }
 
 bool PartyQueue::SendAnswer() {
-  const bool sent = m_late->IsForParty(*this) && SendFrame();
-  m_late->Answered();
+  const bool sent = RequestScope::IsFor(m_account) && SendFrame();
+  RequestScope::Answered();
   return sent;
 }
 

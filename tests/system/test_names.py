@@ -1,5 +1,7 @@
 """Destinations by host name: a real DNS server on an address of the test's own network, and one that never answers."""
 
+import socket
+import struct
 import time
 
 import bed
@@ -7,6 +9,15 @@ import configs
 import silent_dns
 
 PUBLIC = "203.0.113.7"
+
+
+def request(number, name):
+    """The frame of a signalling request for a host name."""
+    return struct.pack("=4sHHQII4sHHI", b"NAT1", 1, 1, number, 0, 1, b"\x0a\x4d\0\x02", 5060, 0, 0) + name.encode()
+
+
+def close(number):
+    return struct.pack("=4sHHQII", b"NAT1", 1, 5, number, 0, 0)
 
 
 class Names(silent_dns.SilentDnsTest):
@@ -83,6 +94,60 @@ class Names(silent_dns.SilentDnsTest):
         begin = time.monotonic()
         self.assertEqual(daemon.stop(), 0)
         self.assertLess(time.monotonic() - begin, 2.5)
+
+
+class Floods(silent_dns.SilentDnsTest):
+    """One party sends more than can wait; nobody answers at the name server's address."""
+    CONFIG = configs.STATIC
+    RESOLVER = "timeout:1 attempts:1"
+
+    def flood(self, daemon, *frames_of):
+        """A SIP agent that sends until nothing more of it is taken; each function makes the frame of a number."""
+        party = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.addCleanup(party.close)
+        party.connect(str(daemon.runtime / "queue-112"))
+        party.settimeout(0.5)
+        number = 0
+        try:
+            while number < 100_000:
+                for frame_of in frames_of:
+                    party.send(frame_of(number))
+                number += 1
+        except TimeoutError:
+            return party
+        raise AssertionError("all of it was taken")
+
+    def ask_localhost(self, daemon, within):
+        natctl = self.natctl(daemon, timeout=bed.DEADLINE)
+        natctl.connect("cm")
+        begin = time.monotonic()
+        self.assertEqual(natctl.ask("cs cm localhost 10.77.0.2:10000")["answer"], "rtp")
+        self.assertLess(time.monotonic() - begin, within)
+
+    def test_a_flood_of_dead_names_is_bounded_and_costs_another_party_one_look_up(self):
+        for frames_of in [(lambda number: request(number, f"dead{number}.example"), close),
+                          (lambda number: struct.pack("=4sHHQII", b"NAT1", 1, 3, number, 0, 1024) + bytes(8192)
+                           + f"dead{number}.example".encode(),)]:
+            daemon = self.daemon()
+            resident = daemon.resident_kb()
+            party = self.flood(daemon, *frames_of)
+            if not bed.SANITIZE:
+                self.assertLess(daemon.resident_kb() - resident, 4096)
+            self.ask_localhost(daemon, 4)  # one look-up, and natctl's start
+            party.close()
+            self.assertEqual(daemon.stop(), 0)
+
+    def test_the_successor_of_a_party_that_died_with_names_waiting(self):
+        daemon = self.daemon()
+        self.flood(daemon, lambda number: request(number, f"dead{number}.example")).close()
+        begin = time.monotonic()
+        natctl = self.natctl(daemon, timeout=bed.DEADLINE)
+        natctl.connect("sip")
+        self.assertEqual(natctl.ask("cs sip 198.51.100.9 10.77.0.2:5060 id=1")["port"], 15060)
+        self.assertLess(time.monotonic() - begin, 2)  # natctl's start is most of it
+        daemon.said("queue 112: dropped ")
+        answer = natctl.ask("cs sip localhost 10.77.0.2:5060 id=2")
+        self.assertEqual((answer["id"], answer["flag"]), (2, 0))
 
 
 if __name__ == "__main__":

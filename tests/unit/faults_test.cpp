@@ -47,12 +47,12 @@ TEST_F(RunningAgentTest, LateRequestsThatWantForMemory) {
   Connect(kCm);
   fake::Device()->hosts = {{"far.example", Ip(kInternet)}};
   for (const u32 queue : {kSip, kCm}) {
-    fake::Device()->lookUpsBlocked = true;
+    fake::Device()->lookUpsToReturn = 0;
     Deliver(queue, {RTP, 1, "far.example", {{kUplink, 5060}}, CA_PROTO_CM});
     Deliver(kSip, {CS, 2, "far.example", {{kUplink, 5060}}});
     fake::Take({});
     fake::Device()->routesThrow = 1;
-    fake::Device()->lookUpsBlocked = false;
+    fake::Device()->lookUpsToReturn = fake::kAll;
     ASSERT_TRUE(fake::WaitForCall("send 112 cs 2 203.0.113.7:15060/1 value 0"));
     EXPECT_EQ(fake::Calls({"send"}).front(), queue == kSip ? "send 112 cs 1 0.0.0.0:0/2 value 0"
                                                            : "send 114 rtp 1 10.77.0.2:5060=0.0.0.0:0/2 value 0");

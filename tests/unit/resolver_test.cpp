@@ -14,9 +14,9 @@ class ResolverTest : public RunningAgentTest {
   }
 
   static void AskCs(u64 id, const char* name) { Deliver(kSip, {CS, id, name, {{kUplink, 5060}}}); }
-  static void BlockLookUps(bool blocked) { fake::Device()->lookUpsBlocked = blocked; }
+  static void LetReturn(int lookUps) { fake::Device()->lookUpsToReturn = lookUps; }
   static void AskOneThatHangs() {
-    BlockLookUps(true);
+    LetReturn(0);
     AskCs(1, "far.example");
     ASSERT_TRUE(fake::WaitForCall("lookup far.example"));
   }
@@ -53,26 +53,26 @@ TEST_F(ResolverTest, LoggedToTheByte) {
 // A signalling request of CM comes back as an RTP request with the number it carried, an RTP request of the SIP agent
 // as a signalling request, and of a list the first item.
 TEST_F(ResolverTest, WhatIsReissuedFollowsTheProtocolOfTheChannel) {
-  BlockLookUps(true);
+  LetReturn(0);
   Deliver(kCm, {CS, 5, "far.example", {{kUplink, 10000}}, CA_PROTO_CM});
   Deliver(kSip, {RTP, 6, "far.example", {{0, 5060}}, 3});
   Deliver(kSip, {CS_LIST, 7, "far.example", {{1, 5060}, {2, 5061}}});
   Deliver(kSip, {CS_LIST, 8, "far.example", {}});
-  BlockLookUps(false);
+  LetReturn(fake::kAll);
   Answered({"send 114 rtp 5 10.77.0.2:10000=203.0.113.7:20000/1 value 0", "send 112 cs 6 203.0.113.7:15060/1 value 0",
             "send 112 cs 7 203.0.113.7:15060/1 value 0", "send 112 cs 8 0.0.0.0:0/2 value 0"});
   Deliver(kCm, {CLOSE, 5});
 }
 
 TEST_F(ResolverTest, NamesInTheOrderTheyCame) {
-  BlockLookUps(true);
+  LetReturn(0);
   AskCs(1, "one.example");
   AskCs(2, "far.example");
   AskCs(3, "near.example");
   AskCs(5, "FAR.example");  // case counts
   AskCs(5, "FAR.example");
   Deliver(kSip, {CLOSE, 5});  // drops the first of the two, but not the name
-  BlockLookUps(false);
+  LetReturn(fake::kAll);
   Answered({"send 112 cs 1 203.0.113.7:15060/1 value 0", "send 112 cs 2 203.0.113.7:15060/1 value 0",
             "send 112 cs 3 0.0.0.0:0/0 value 0", "send 112 cs 5 203.0.113.7:15060/1 value 0"});
   ASSERT_TRUE(fake::WaitForCall("poll release", 5));  // each result wakes the loop
@@ -80,12 +80,77 @@ TEST_F(ResolverTest, NamesInTheOrderTheyCame) {
                                               "lookup FAR.example", "lookup FAR.example"}));
 }
 
+// Names that somebody waits for come first, then given-up ones, and at last those of gone parties.
+TEST_F(ResolverTest, PartiesTakeTurnsAndEveryNameWaitsForItsOwnLookUp) {
+  Connect(kCc);
+  AskOneThatHangs();
+  Deliver(kSip, {CS_LIST, 2, "far.example", std::list<NatItem>(1024)});
+  AskCs(3, "two.example");
+  Deliver(kCm, {RTP, 4, "one.example"});
+  Deliver(kCm, {RTP, 5, "three.example"});
+  Deliver(kCc, {RTP, 6, "left.example"});
+  HangUp(kCc);
+  AskCs(7, "closed.example");
+  Deliver(kSip, {CLOSE, 7});
+  EXPECT_GT(fake::Device()->kept[kSip].bytes, 32768U);
+  LetReturn(1);
+  Answered({"send 112 cs 1 203.0.113.7:15060/1 value 0", "send 112 cs 2 0.0.0.0:0/2 value 0"});
+  EXPECT_EQ(fake::Device()->kept[kSip].requests, 3U);
+  EXPECT_LT(fake::Device()->kept[kSip].bytes, 1024U);
+  LetReturn(fake::kAll);
+  ASSERT_TRUE(fake::WaitForCall("poll release", 7));
+  ASSERT_TRUE(fake::WaitUntilIdle());
+  EXPECT_EQ(fake::Calls({"lookup"}),
+            (Strings{"lookup far.example", "lookup one.example", "lookup two.example", "lookup three.example",
+                     "lookup closed.example", "lookup far.example", "lookup left.example"}));
+  for (const auto& [queue, kept] : fake::Device()->kept) {
+    EXPECT_EQ(kept.requests + kept.bytes, 0U) << queue;
+  }
+}
+
+TEST_F(ResolverTest, TheOldestThatGonePartiesLeftIsDropped) {
+  AskOneThatHangs();
+  for (const char* name : {"one.example", "near.example", "two.example"}) {
+    AskCs(2, name);
+  }
+  fake::Device()->mayBeLeft = 2;
+  HangUp(kSip);
+  Connect(kSip);
+  AskCs(3, "one.example");
+  LetReturn(fake::kAll);
+  ASSERT_TRUE(fake::WaitForCall("lookup two.example"));
+  Answered({"send 112 cs 1 203.0.113.7:15060/1 value 0", "send 112 cs 3 203.0.113.7:15060/1 value 0",
+            "send 112 cs 2 203.0.113.7:15060/1 value 0"});
+  EXPECT_EQ(fake::Calls({"lookup"}), (Strings{"lookup far.example", "lookup one.example", "lookup two.example"}));
+  EXPECT_EQ(fake::Device()->kept[kSip].requests, 0U);
+}
+
+TEST(NameQueueTest, APartyHeldBackByNamesThatNobodyWaitsForKeepsItsTurns) {
+  NameQueue queue;
+  const auto push = [&queue](CA_PROTO party, const char* name) {
+    NameList names;
+    names.push_back({name});
+    const auto pushed = names.begin();
+    queue.Push(party, names);
+    return pushed;
+  };
+  for (std::size_t i = 0; i < LateRequest::kMaxRequests; ++i) {
+    queue.GiveUp(push(CA_PROTO_SIP, "sip"));
+  }
+  for (int i = 0; i < 3; ++i) {
+    push(CA_PROTO_CM, "cm");
+  }
+  for (const char* expected : {"sip", "cm", "cm", "cm", "sip"}) {
+    EXPECT_EQ(queue.Pop().front().hostName, expected);
+  }
+}
+
 // A stop abandons the look-up but not the request: the next run asks again and answers it.
 TEST_F(ResolverTest, StopDuringALookUp) {
   AskOneThatHangs();
   AskCs(2, "near.example");
   Restart();
-  BlockLookUps(false);
+  LetReturn(fake::kAll);
   Answered({"send 112 cs 1 203.0.113.7:15060/1 value 0", "send 112 cs 2 0.0.0.0:0/0 value 0"});
   EXPECT_EQ(fake::Calls({"lookup"}), (Strings{"lookup far.example", "lookup near.example"}));
 }
@@ -95,7 +160,7 @@ TEST_F(ResolverTest, ResultBehindTheLastTurn) {
   AskOneThatHangs();
   fake::OnLog("Nat Messenger stoped\r\n", [] {
     fake::Take({});
-    BlockLookUps(false);
+    LetReturn(fake::kAll);
     fake::WaitForCall("poll release");
   });
   Restart();
@@ -111,7 +176,7 @@ TEST_F(ResolverTest, LateResolver) {
     fake::OnLog("Resolver thread stoped\r\n", [] { fake::Device()->giveUpWaits = false; });
   });
   Restart();
-  BlockLookUps(false);
+  LetReturn(fake::kAll);
   ASSERT_TRUE(fake::WaitForCall("send 112 cs 1 203.0.113.7:15060/1 value 0"));
   fake::JoinAbandonedThreads();
   AskCs(2, "near.example");

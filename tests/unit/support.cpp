@@ -24,7 +24,7 @@ AgentTest::AgentTest() {
 }
 
 AgentTest::~AgentTest() {
-  fake::Device()->lookUpsBlocked = false;
+  fake::Device()->lookUpsToReturn = fake::kAll;
   StopNatMain();
   EXPECT_FALSE(fake::Device()->logHeld);
 }

@@ -18,6 +18,8 @@
 // leaves the agent is kept in one journal, in order. Any thread. Waits have a deadline, after which they report false.
 namespace fake {
 
+inline constexpr int kAll = 1'000'000;
+
 using Strings = std::vector<std::string>;
 using Route = std::pair<u32, u32>;  // the interface's address, the gateway
 
@@ -41,6 +43,12 @@ struct Script {
   std::map<u32, std::deque<Message>> messages;  // by queue
   std::deque<int> events;                       // queues that are reported to the poller
   std::set<u32> online;                         // parties that are there
+  struct Kept {
+    std::size_t requests = 0;
+    std::size_t bytes = 0;
+  };
+  std::map<u32, Kept> kept;      // what waits, by queue; also of gone parties,
+  std::size_t mayBeLeft = 1024;  // of which so many requests may wait
   bool released = false;
 
   std::map<u32, std::optional<Route>> routes;  // by destination, 0 being the uplink
@@ -50,7 +58,7 @@ struct Script {
   bool watchStopped = false;
   std::vector<InterfaceInfo> interfaces;
   std::map<std::string, u32> hosts;
-  bool lookUpsBlocked = false;  // a look-up does not return, except that a stop request ends it with 0
+  int lookUpsToReturn = kAll;  // further ones do not return, except that a stop request ends them with 0
   bool lookUpsIgnoreStop = false;
 
   bool stunStarts = true;

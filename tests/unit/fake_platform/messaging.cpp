@@ -1,6 +1,7 @@
 #include "platform/messaging/cfg_update_messenger.h"
 #include "platform/messaging/cgi_messenger.h"
 #include "platform/messaging/cyclic_queue_poller.h"
+#include "platform/messaging/late_request.h"
 #include "platform/messaging/nat_messenger.h"
 #include "platform/sockets/inet.h"
 #include "tests/unit/fake_platform/fake.h"
@@ -10,7 +11,66 @@ using fake::Message;
 class PartyQueue {
  public:
   u32 number;
+  std::shared_ptr<messaging::PartyAccount> account;
 };
+
+// Of every party that the queue has.
+class messaging::PartyAccount {
+ public:
+  u32 queue;
+};
+
+namespace {
+
+RequestScope* s_scope = nullptr;  // main loop's thread only
+
+}  // namespace
+
+RequestScope::RequestScope(const std::shared_ptr<messaging::PartyAccount>& account)
+    : m_account(account), m_outer(std::exchange(s_scope, this)), m_open(true) {}
+RequestScope::~RequestScope() { s_scope = m_outer; }
+void RequestScope::Answered() { s_scope->m_open = false; }
+bool RequestScope::IsOpen() { return s_scope != nullptr && s_scope->m_open; }
+
+LateRequest::LateRequest(std::size_t bytes) : m_account(s_scope->m_account) {
+  s_scope->m_open = false;
+  ++fake::Device()->kept[m_account->queue].requests;
+  Resize(bytes);
+}
+
+LateRequest& LateRequest::operator=(LateRequest other) noexcept {
+  swap(other);
+  return *this;
+}
+
+LateRequest::~LateRequest() {
+  if (m_account != nullptr) {
+    Resize(0);
+    --fake::Device()->kept[m_account->queue].requests;
+  }
+}
+
+void LateRequest::Resize(std::size_t bytes) {
+  fake::Device()->kept[m_account->queue].bytes += bytes - m_bytes;
+  m_bytes = bytes;
+}
+
+bool LateRequest::DropIfBeyondBounds() {
+  {
+    fake::Device device;
+    const u32 queue = m_account->queue;
+    if (device->online.contains(queue) || device->kept[queue].requests <= device->mayBeLeft) {
+      return false;
+    }
+  }
+  *this = {};
+  return true;
+}
+
+void LateRequest::swap(LateRequest& other) noexcept {
+  m_account.swap(other.m_account);
+  std::swap(m_bytes, other.m_bytes);
+}
 
 struct CyclicQueuePoller::Impl {};
 
@@ -51,8 +111,6 @@ namespace {
 
 constexpr u32 kProtocols[] = {CA_PROTO_SIP, 2, CA_PROTO_CM, CA_PROTO_CC};  // of queues 112 to 115
 
-bool s_requestOpen = false;  // agent thread
-
 u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespItem>& items, u32 value) {
   std::ostringstream text;
   for (const NatRespItem& item : items) {
@@ -60,14 +118,15 @@ u32 RecordAnswer(u32 queue, const char* kind, u64 id, const std::list<NatRespIte
          << item.mappedPort << '/' << item.flag;
   }
   fake::Record("send ", queue, ' ', kind, ' ', id, text.str(), " value ", value);
-  s_requestOpen = false;
+  RequestScope::Answered();
   return 1;
 }
 
 }  // namespace
 
 NatMessenger::NatMessenger(u32 queue)
-    : m_proto(static_cast<CA_PROTO>(kProtocols[queue - 112])), m_queue(new PartyQueue{queue}) {}
+    : m_proto(static_cast<CA_PROTO>(kProtocols[queue - 112])),
+      m_queue(new PartyQueue{queue, std::shared_ptr<messaging::PartyAccount>(new messaging::PartyAccount{queue})}) {}
 NatMessenger::~NatMessenger() = default;
 
 bool NatMessenger::IsPartyOnline() const { return fake::Device()->online.contains(m_queue->number); }
@@ -83,8 +142,8 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
     message = std::move(waiting.front());
     waiting.pop_front();
   }
-  s_requestOpen = true;
   const auto& [kind, id, destination, items, value, portType] = message;
+  const RequestScope scope(m_queue->account);
   switch (kind) {
     case Message::CONNECT:
       fake::Device()->online.insert(m_queue->number);
@@ -113,20 +172,12 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
   return true;
 }
 
-// Whose an answer is, is the Linux layer's business.
-u64 NatMessenger::KeepRequest() {
-  s_requestOpen = false;
-  return 1;
-}
-void NatMessenger::ResumeRequest(u64) { s_requestOpen = true; }
-void NatMessenger::FinishRequest(u64) { s_requestOpen = false; }
-bool NatMessenger::IsRequestOpen() { return s_requestOpen; }
 void NatMessenger::HangUp() noexcept { fake::Record("hang up ", m_queue->number); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {
   fake::Record("send ", m_queue->number, " cs ", id, ' ', sockets::inet_ntoa(item.ip), ':', item.port, '/', flag,
                " value ", value);
-  s_requestOpen = false;
+  RequestScope::Answered();
   return 1;
 }
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const std::list<NatRespItem>& items, const u32& value) {

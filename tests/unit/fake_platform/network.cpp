@@ -49,7 +49,8 @@ u32 sockets::LookUpHost(const char* name, const std::stop_token& stop) {
   fake::Record("lookup ", name);
   fake::Device device;
   const bool answered = device->changed.wait(device.Lock(), device->lookUpsIgnoreStop ? std::stop_token() : stop,
-                                             [&] { return !device->lookUpsBlocked; });
+                                             [&] { return device->lookUpsToReturn > 0; });
+  device->lookUpsToReturn -= answered ? 1 : 0;
   return answered && device->hosts.contains(name) ? device->hosts[name] : 0;
 }
 
