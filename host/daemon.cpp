@@ -13,10 +13,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kQueuesDeadline = std::chrono::seconds(5);
 constexpr timespec kQueuesPoll{0, 10'000'000};  // ns
 
-void ReportErrors(const ConfigResult& result) {
-  for (const std::string& error : result.errors) JournalError(error);
-}
-
 // The default file counts from the moment it exists; once read, it has to stay.
 void ChooseFile(std::string& file) {
   std::error_code error;
@@ -33,7 +29,7 @@ std::optional<HostSettings> LoadSettings(std::string& file) {
   ChooseFile(file);
   if (file.empty()) return DefaultSettings();
   ConfigResult result = ReadConfig(file);
-  ReportErrors(result);
+  JournalErrors(result.errors);
   return std::move(result.settings);
 }
 
