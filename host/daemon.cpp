@@ -22,10 +22,6 @@ timespec TimespecOf(AgentWatch::Clock::duration duration) {
   return {seconds.count(), std::chrono::nanoseconds(duration - seconds).count()};
 }
 
-void ReportErrors(const ConfigResult& result) {
-  for (const std::string& error : result.errors) JournalError(error);
-}
-
 // The default file counts from the moment it exists; once read, it has to stay.
 void ChooseFile(std::string& file) {
   std::error_code error;
@@ -40,7 +36,7 @@ std::optional<LoadedConfig> LoadConfig(std::string& file) {
     return LoadedConfig{DefaultSettings(), {}, "built-in settings"};
   }
   ConfigResult result = ReadConfig(file);
-  ReportErrors(result);
+  JournalErrors(result.errors);
   if (!result.settings) {
     return std::nullopt;
   }
@@ -54,7 +50,7 @@ std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodC
   }
   const ConfigResult& kept = lastGood.Kept();
   if (!kept.settings) {
-    ReportErrors(kept);
+    JournalErrors(kept.errors);
     return std::nullopt;
   }
   JournalError("natagentd: " + file +

@@ -1,8 +1,20 @@
 #include "rtp/reverse_nat_manager.h"
 
+#include <string>
+
+#include "platform/journal.h"
+
 void ReverseNatManager::AddRevTarget(const u64& queryId, const NatSetting& setting) {
   revTargets[queryId].push_back({setting.mappedIp, setting.mappedPort});
   revMappings.try_emplace({setting.mappedIp, setting.mappedPort}, Endpoint{setting.localIp, setting.selfPort});
+  if (revTargets.size() >= m_manyIds) {
+    TellManyIds();
+  }
+}
+
+void ReverseNatManager::TellManyIds() {
+  JournalNotice(std::to_string(m_manyIds) + " RTP query ids are open; a call agent may not close them");
+  m_manyIds *= 10;
 }
 
 bool ReverseNatManager::GetRevSettings(NatSetting& setting) const {
@@ -24,5 +36,8 @@ bool ReverseNatManager::DeleteRevTarget(const u64& queryId) {
     revMappings.erase({endpoint.ip, endpoint.port});
   }
   revTargets.erase(target);
+  if (m_manyIds > kFirstManyIds && revTargets.size() < m_manyIds / 20) {
+    m_manyIds /= 10;
+  }
   return true;
 }

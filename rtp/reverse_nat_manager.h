@@ -1,12 +1,14 @@
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <map>
 
 #include "nat/nat_records.h"
 
 // The RTP translations handed out: per query id the public endpoints in the order they were handed out, and for each
-// public endpoint the local one behind it. Unbounded; only DeleteRevTarget removes. Agent thread only.
+// public endpoint the local one behind it. Unbounded; only DeleteRevTarget removes. The journal says when 10 000 ids
+// are open, and each tenfold; again only after the number fell below half of that. Agent thread only.
 class ReverseNatManager {
  public:
   ReverseNatManager() = default;
@@ -25,6 +27,9 @@ class ReverseNatManager {
   // False when the id is not known.
   bool DeleteRevTarget(const u64& queryId);
 
+  // How many query ids have translations.
+  std::size_t OpenIds() const { return revTargets.size(); }
+
  private:
   struct Endpoint {
     u32 ip = 0;  // as stored, network byte order
@@ -32,6 +37,11 @@ class ReverseNatManager {
     bool operator<(const Endpoint& other) const { return ip != other.ip ? ip < other.ip : port < other.port; }
   };
 
+  static constexpr std::size_t kFirstManyIds = 10'000;
+
+  void TellManyIds();
+
   std::map<u64, std::list<NatItem>> revTargets;
   std::map<Endpoint, Endpoint> revMappings;  // public -> local
+  std::size_t m_manyIds = kFirstManyIds;     // the number that the journal says next
 };

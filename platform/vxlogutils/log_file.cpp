@@ -6,7 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
+#include <cstring>
 #include <utility>
 
 #include "platform/journal.h"
@@ -16,6 +16,24 @@ namespace {
 // How often the file's path is looked at: rarely enough to cost nothing, often enough that a log which was moved away,
 // or could not be opened, is back before anybody misses it.
 constexpr std::chrono::milliseconds kLookInterval(200);
+
+// Why texts are not written to it, or null. A hard link may be somebody else's file, which would grow.
+const char* RefusalOf(const struct stat& file) {
+  switch (file.st_mode & S_IFMT) {
+    case S_IFREG:
+      return file.st_nlink > 1 ? "it is a hard link to a file that has another name too" : nullptr;
+    case S_IFLNK:
+      return "it is a symbolic link";
+    case S_IFDIR:
+      return "it is a directory";
+    case S_IFIFO:
+      return "it is a pipe";
+    case S_IFSOCK:
+      return "it is a socket";
+    default:
+      return "it is a device";
+  }
+}
 
 // Writes all of it, or returns what was written so far with errno set.
 u64 WriteAll(int file, std::string_view text) {
@@ -55,7 +73,7 @@ void LogFile::Append(std::string_view text) {
   if (WriteWhole(text)) {
     Works();
   } else {
-    Failed("written", errno);
+    Failed("written", ::strerrordesc_np(errno));
   }
 }
 
@@ -65,28 +83,34 @@ void LogFile::LookAfter() {
     return;
   }
   m_nextLook = now + kLookInterval;
-  if (m_file) {
-    struct stat found {};
-    if (::stat(m_path.c_str(), &found) == 0 && found.st_dev == m_device && found.st_ino == m_inode) {
-      m_size = static_cast<u64>(found.st_size);
-      return;
-    }
-    m_file.Reset();
+  struct stat found {};
+  const bool exists = ::lstat(m_path.c_str(), &found) == 0;
+  if (m_file && exists && found.st_dev == m_device && found.st_ino == m_inode) {
+    m_size = static_cast<u64>(found.st_size);
+    return;
   }
-  Open();
+  m_file.Reset();
+  // To open a device or a pipe can do something to it already.
+  const char* refusal = exists ? RefusalOf(found) : nullptr;
+  if (refusal != nullptr) {
+    Failed("opened", refusal);
+  } else {
+    Open();
+  }
 }
 
 void LogFile::Open() {
-  m_file = UniqueFd(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640));
+  // Whatever came to the path meanwhile is neither followed nor waited for: a pipe's reader, a lease on a file.
+  constexpr int kNoTraps = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  m_file = UniqueFd(::open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | kNoTraps, 0640));
   struct stat opened {};
-  if (!m_file || ::fstat(m_file.Get(), &opened) != 0) {
-    const int error = errno;
+  const char* refusal = m_file && ::fstat(m_file.Get(), &opened) == 0 ? RefusalOf(opened) : ::strerrordesc_np(errno);
+  if (refusal != nullptr) {
     m_file.Reset();
-    Failed("opened", error);
+    Failed("opened", refusal);
     return;
   }
   m_size = static_cast<u64>(opened.st_size);
-  m_rotates = m_maxBytes > 0 && S_ISREG(opened.st_mode);
   m_device = opened.st_dev;
   m_inode = opened.st_ino;
 }
@@ -103,7 +127,7 @@ void LogFile::Rotate() {
     if (::ftruncate(m_file.Get(), 0) == 0) {
       m_size = 0;
     }
-    Failed("rotated", error);
+    Failed("rotated", ::strerrordesc_np(error));
     return;
   }
   m_file.Reset();
@@ -133,15 +157,19 @@ void LogFile::UndoPartOf(u64 written) {
   }
 }
 
-void LogFile::Failed(const char* what, int error) {
-  if (!std::exchange(m_failing, true)) {
-    JournalError("the log file " + m_path + " cannot be " + what + ": " + std::generic_category().message(error) +
-                 "; its texts are lost until it can");
+void LogFile::Failed(std::string_view what, std::string_view why) {
+  if (what == m_failedWhat && why == m_failedWhy) {
+    return;
   }
+  m_failedWhat = what;
+  m_failedWhy = why;
+  JournalError(std::string("the log file ").append(m_path).append(" cannot be ").append(what).append(": ").append(why) +
+               "; its texts are lost until it can");
 }
 
 void LogFile::Works() {
-  if (std::exchange(m_failing, false)) {
+  if (!m_failedWhat.empty()) {
+    m_failedWhat = {};
     JournalNotice("the log file " + m_path + " is written again");
   }
 }

@@ -10,7 +10,8 @@
 #include "platform/unique_fd.h"
 
 // The file behind a log stream: appended to, kept under a size, and got back by itself after whatever happened to it.
-// One thread at a time. No failure is returned: the journal hears of it once, and again when writing works.
+// A regular file only, by its only name; nothing else is opened, so that no call waits. One thread at a time. No
+// failure is returned: the journal hears of each reason once, and again when writing works.
 class LogFile {
  public:
   // maxBytes 0: no limit. An empty path: a file that takes nothing.
@@ -21,7 +22,7 @@ class LogFile {
   void Append(std::string_view text);
 
   // Whether this many bytes more can be appended without rotation.
-  bool HasRoomFor(u64 bytes) const { return !m_rotates || m_size == 0 || m_size + bytes <= m_maxBytes; }
+  bool HasRoomFor(u64 bytes) const { return m_maxBytes == 0 || m_size == 0 || m_size + bytes <= m_maxBytes; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -33,17 +34,18 @@ class LogFile {
   void Rotate();
   bool WriteWhole(std::string_view text);
   void UndoPartOf(u64 written);
-  void Failed(const char* what, int error);
+  // Both texts are never freed.
+  void Failed(std::string_view what, std::string_view why);
   void Works();
 
   const std::string m_path;
   const u64 m_maxBytes;
   const int m_keepFiles;
   UniqueFd m_file;
-  u64 m_size = 0;          // of the open file
-  bool m_rotates = false;  // a regular file with a limit
+  u64 m_size = 0;  // of the open file
   dev_t m_device = 0;
   ino_t m_inode = 0;
   Clock::time_point m_nextLook{};
-  bool m_failing = false;
+  std::string_view m_failedWhat;  // what the journal heard last, until writing works
+  std::string_view m_failedWhy;
 };

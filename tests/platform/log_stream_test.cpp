@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -134,6 +135,45 @@ TEST_F(LogStreamTest, AFileThatIsMovedAwayOrRemovedWithItsDirectoryComesBack) {
   fs::remove(m_file);
   WriteUntilItIsBack(early);
   EXPECT_EQ(Log().find_first_not_of('x'), std::string::npos);
+}
+
+TEST_F(LogStreamTest, NothingButAFileOfOneNameIsWrittenAndEachReasonIsSaidOnce) {
+  const std::string other = m_directory + "/other";
+  std::ofstream(other).close();
+  const struct {
+    std::string make, reason;
+  } cases[] = {
+      {"ln -s other natagent.log", "it is a symbolic link"},
+      {"ln other natagent.log", "it is a hard link to a file that has another name too"},
+      {"ln -s nothing natagent.log", "it is a symbolic link"},
+      {"mkfifo natagent.log", "it is a pipe"},
+      {"mkdir natagent.log", "it is a directory"},
+      {"mknod natagent.log c 1 7", "it is a device"},
+      {"python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind(\"natagent.log\")'", "it is a socket"},
+  };
+  // Journal lines go to a file, which grows when one comes.
+  const auto journalSize = [] {
+    struct stat found {};
+    ::fstat(STDERR_FILENO, &found);
+    return found.st_size;
+  };
+  LogStream log("natagent.log", true, true, 204800, 2, 2048, true);
+  testing::internal::CaptureStderr();
+  std::string expected;
+  for (const auto& one : cases) {
+    const auto before = journalSize();
+    fs::remove_all(m_file);
+    Sh("cd " + m_directory + " && " + one.make);
+    while (journalSize() == before) {
+      log.TRACE("x", 3, 4);
+    }
+    expected += "the log file " + m_file + " cannot be opened: " + one.reason + "; its texts are lost until it can\n";
+  }
+  EXPECT_EQ(fs::file_size(other), 0);
+  EXPECT_FALSE(fs::exists(m_directory + "/nothing"));
+  fs::remove_all(m_file);
+  WriteUntilItIsBack(log);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), expected + "the log file " + m_file + " is written again\n");
 }
 
 // A file system of 16 KiB of the test's own, in a mount namespace of a thread's own.

@@ -1,9 +1,11 @@
 """The library's life under a host where it takes a network: unloaded in the middle of look-ups, reloaded in a storm;
 and how the programs end."""
 
+import fcntl
 import os
 import pathlib
 import pwd
+import select
 import signal
 import socket
 import subprocess
@@ -89,6 +91,27 @@ class Host(silent_dns.SilentDnsTest):
         daemon.said("changed to")
         self.assertEqual(first_frame_of(nobody), "0x92")
         self.assertEqual(bed.run(*ask).returncode, 0)
+
+    def test_a_stuck_journal_and_a_log_that_is_a_pipe(self):
+        path = f"{self.directory}/journal"
+        os.mkfifo(path)
+        os.mkfifo(f"{self.directory}/natagent.log")
+        self.wrap = ("sh", "-c", f'exec "$0" "$@" 2>{path}')
+        journal = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+        self.addCleanup(os.close, journal)
+        size = fcntl.fcntl(journal, fcntl.F_GETPIPE_SZ)
+        self.assertEqual(os.write(journal, b"x" * size), size)
+        daemon = self.daemon(configs.STATIC)
+        natctl = self.natctl(daemon)
+        natctl.connect("sip")
+        daemon.reload(configs.STATIC.replace("= 15060", "= 15062"))
+        bed.wait_until(lambda: natctl.ask("cs sip 198.51.100.9 10.77.0.2:5060")["port"] == 15062, "the new settings")
+        os.read(journal, size)
+        daemon.signal(signal.SIGHUP)
+        said = bed.wait_until(lambda: select.select([journal], [], [], 0)[0], "a line") and os.read(journal, size)
+        self.assertRegex(said.decode(), "^journal: [12] lines? dropped here, standard error did not take them\nnatagentd: ")
+        self.assertEqual(daemon.stop(), 0)
+        self.assertIn("natagentd: stopped\n", os.read(journal, size).decode())
 
     @unittest.skipUnless(os.environ.get("NATAGENT_SYSTEMD", "1") == "1", "built without libsystemd")
     def test_tells_the_service_manager(self):

@@ -83,4 +83,25 @@ TEST_F(RunningAgentTest, MediaDecisions) {
   }
 }
 
+TEST(ReverseNatManagerTest, ManyOpenQueryIdsAreSaidOnceATenfold) {
+  const struct {
+    u64 ids;  // to become open
+    std::string said;
+  } steps[] = {{9'999, ""},       {10'000, "10000"}, {5'000, ""},         {10'500, ""}, {4'999, ""},
+               {10'500, "10000"}, {99'999, ""},      {100'000, "100000"}, {0, ""},      {10'000, "10000"}};
+  ReverseNatManager table;
+  for (u64 open = 0; const auto& step : steps) {
+    testing::internal::CaptureStderr();
+    for (; open < step.ids; ++open) {
+      table.AddRevTarget(open, {});
+    }
+    for (; open > step.ids; --open) {
+      table.DeleteRevTarget(open - 1);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              step.said.empty() ? "" : step.said + " RTP query ids are open; a call agent may not close them\n");
+    EXPECT_EQ(table.OpenIds(), step.ids);
+  }
+}
+
 }  // namespace
