@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "platform/journal.h"
@@ -97,15 +98,14 @@ bool PartyQueue::HasPeerHungUp(bool inFull) const {
 bool PartyQueue::MakesWay() const { return HasPeerHungUp(/*inFull=*/m_heldBack || !m_waiting.empty()); }
 
 bool PartyQueue::Adopt() {
-  auto account = std::make_shared<messaging::PartyAccount>(*this);
   messaging::Peer from;
   UniqueFd peer = AcceptAdmitted(from);
   if (!peer) {
     return false;
   }
+  // A throw from here on hangs up on the peer, which would otherwise wait for ever.
+  m_account = std::make_shared<messaging::PartyAccount>(*this);
   from.LookAtProgram();
-  const std::string line = "the party of " + Name() + " connected: " + from.Text();
-  m_account = std::move(account);
   m_party = std::move(from);
   m_peer = std::move(peer);
   m_peerReads = true;
@@ -114,7 +114,7 @@ bool PartyQueue::Adopt() {
       m_peer.Reset();
       return false;
     }
-    JournalNotice(line);
+    JournalNotice("the party of " + Name() + " connected: " + m_party.Text());
     Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
     SendFrame();
   } catch (...) {
@@ -196,7 +196,11 @@ void PartyQueue::ReportDropped() const {
 }
 
 void PartyQueue::HangUp() {
-  JournalNotice("the party of " + Name() + " hung up: " + m_party.Text());
+  try {
+    JournalNotice("the party of " + Name() + " hung up: " + m_party.Text());
+  } catch (const std::bad_alloc&) {
+    JournalNotice("a party hung up");
+  }
   m_account->Orphan();
   m_inbox.SetPartyOnline(false);
   if (m_epoll) {

@@ -109,7 +109,7 @@ class Host(silent_dns.SilentDnsTest):
         os.read(journal, size)
         daemon.signal(signal.SIGHUP)
         said = bed.wait_until(lambda: select.select([journal], [], [], 0)[0], "a line") and os.read(journal, size)
-        self.assertRegex(said.decode(), "^journal: [12] lines? dropped here, standard error did not take them\nnatagentd: ")
+        self.assertRegex(said.decode(), "^journal: [0-9]+ lines? dropped here, standard error did not take them\nnatagentd: ")
         self.assertEqual(daemon.stop(), 0)
         self.assertIn("natagentd: stopped\n", os.read(journal, size).decode())
 
