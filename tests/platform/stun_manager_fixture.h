@@ -127,7 +127,7 @@ class StunManagerTest : public NamespaceTest {
     ASSERT_TRUE(manager->Start(true, true));
   }
   void Add(u16 first, u16 last, u8 owner, u8 interval = 1) {
-    manager->AddPorts(first, last, interval, owner, true, true);
+    manager->AddPorts(first, last, interval, owner, owner != 1, true);
   }
 
   u16 PublicPort(u16 port) {
