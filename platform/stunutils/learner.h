@@ -28,6 +28,8 @@ class Learner {
   void RemoveAllPorts();
   Mapping Find(u16 port) const { return m_table.Find(port); }
   bool Has(u16 port) const { return m_table.Has(port); }
+  std::size_t Size() const { return m_table.Size(); }
+  std::size_t KnownSize() const { return m_table.KnownSize(); }
   NatMapping Nat() const { return m_natCheck.Conclusion(); }
 
   // Starts learning over a new transport. From another local address than before, known mappings are only kept to be

@@ -11,6 +11,7 @@ void PortTable::Remove(u16 port) {
   }
   found->second.owners.pop_back();
   if (found->second.owners.empty()) {
+    m_knownSize -= found->second.mapping.Mapped().Known() ? 1 : 0;
     m_ports.erase(found);
     m_changed.erase(port);
     m_unsettled.erase(port);
@@ -19,6 +20,7 @@ void PortTable::Remove(u16 port) {
 
 void PortTable::Clear() {
   m_ports.clear();
+  m_knownSize = 0;
   m_changed.clear();
   m_unsettled.clear();
 }
@@ -31,6 +33,7 @@ bool PortTable::IsSignalling(u16 port) const {
 
 Mapping::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& server) {
   Mapping& mapping = m_ports.at(port).mapping;
+  m_knownSize += mapping.Mapped().Known() ? 0 : 1;
   const Mapping::Told told = mapping.Tell(mapped, server);
   if (told == Mapping::Told::CHANGED) {
     m_changed.insert(port);
@@ -56,6 +59,7 @@ void PortTable::Forget() {
   for (auto& [number, port] : m_ports) {
     port.mapping.Forget();
   }
+  m_knownSize = 0;
   m_unsettled.clear();
 }
 

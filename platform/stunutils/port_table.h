@@ -29,6 +29,10 @@ class PortTable {
   Mapping::Told Tell(u16 port, const Endpoint& mapped, const Endpoint& server);
   // Not known: all 0.
   Mapping Find(u16 port) const;
+  std::size_t Size() const { return m_ports.size(); }
+  // Of how many ports a mapping is answered.
+  std::size_t KnownSize() const { return m_knownSize; }
+
   // One whose mapping does not settle.
   std::optional<u16> Unsettled() const;
   // The device is elsewhere: see Mapping::Forget.
@@ -49,6 +53,7 @@ class PortTable {
   };
 
   std::map<u16, Port> m_ports;
+  std::size_t m_knownSize = 0;
   std::set<u16> m_changed;
   std::set<u16> m_unsettled;
 };

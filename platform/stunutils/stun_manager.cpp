@@ -181,6 +181,12 @@ void StunManager::GetPortResult(u16 port, StunResult& result) {
   result.port3 = known.Server().port;
 }
 
+void StunManager::CountPorts(u32& registered, u32& known) {
+  const ScopedLock lock(m_impl->shared.lock);
+  registered = static_cast<u32>(m_impl->shared.learner.Size());
+  known = static_cast<u32>(m_impl->shared.learner.KnownSize());
+}
+
 NatMapping StunManager::GetNatMapping() {
   const ScopedLock lock(m_impl->shared.lock);
   return m_impl->shared.learner.Nat();

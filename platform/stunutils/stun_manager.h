@@ -73,6 +73,9 @@ class StunManager {
   // Fills the result of a registered port; address 2 and port 2 are left at 0 when its mapping is not known.
   void GetPortResult(u16 port, StunResult& result);
 
+  // How many ports are registered, and of how many of them the mapping is known.
+  void CountPorts(u32& registered, u32& known);
+
   // Probe now instead of at the next scheduled time; a port probed a moment ago as soon as that is a while ago. Several
   // in a row are one.
   void SendScanEvent();
