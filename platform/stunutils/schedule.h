@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/stunutils/message.h"
+#include "platform/stunutils/pace.h"
 #include "platform/stunutils/port_state.h"
 #include "platform/stunutils/random.h"
 #include "platform/stunutils/server_state.h"
@@ -124,6 +125,7 @@ class Schedule {
   void FillWindow(TimePoint now, Turn& turn);
   void Launch(u16 number, TimePoint now, Turn& turn);
   void Send(u16 number, Flight& flight, TimePoint now, Turn& turn);
+  TimePoint ExpiryTime(const Flight& flight) const;
   TimePoint NudgeTime(const Flight& flight) const;
   void Spend(TimePoint now);
 
@@ -139,6 +141,7 @@ class Schedule {
   ServerAction m_advice = ServerAction::NOTHING;
   std::optional<u16> m_canary;  // the one with retransmissions
   u32 m_refusals = 0;           // in a row
+  Pace m_pace;                  // while it is heard
   TimePoint m_lastAnswer{};
   TimePoint m_pauseBegan{};  // of the pause between two canaries
   TimePoint m_pauseEnd{};

@@ -23,6 +23,7 @@ void Schedule::SwitchServer(bool isFresh, TimePoint now) {
 void Schedule::Mapped(u16 number, bool isDoubtful, TimePoint now) {
   m_lastAnswer = now;
   m_refusals = 0;
+  m_pace.Answered(now);
   m_ports.at(number).isKnown = true;
   Apply(number, isDoubtful ? PortEvent::DOUBTFUL : PortEvent::MAPPED, now);
   Apply(ServerEvent::MAPPED, now);
@@ -30,6 +31,7 @@ void Schedule::Mapped(u16 number, bool isDoubtful, TimePoint now) {
 
 void Schedule::Refused(u16 number, TimePoint now) {
   m_lastAnswer = now;
+  m_pace.Answered(now);
   if (IsServerHeard() && ++m_refusals < kRefusalsInARow) {
     Apply(number, PortEvent::REFUSED, now);
     return;
@@ -78,6 +80,7 @@ void Schedule::Apply(ServerEvent event, TimePoint now) {
 // The server is heard. Canaries are due, or wait for their turn, as the event says; requests under way go on.
 void Schedule::Open(PortEvent toCanaries, TimePoint now) {
   m_refusals = 0;
+  m_pace = Pace();
   m_spent = TimePoint{};
   m_canary.reset();
   for (auto& [number, flight] : m_flights) {

@@ -44,7 +44,7 @@ TimePoint Schedule::NextDeadline() const {
   }
   TimePoint next = std::min(m_nextLaunch, m_scanDue);
   for (const auto& [number, flight] : m_flights) {
-    next = std::min({next, flight.next, NudgeTime(flight)});
+    next = std::min({next, ExpiryTime(flight), NudgeTime(flight)});
   }
   return m_resting.empty() ? next : std::min(next, m_resting.begin()->first);
 }
@@ -70,21 +70,28 @@ void Schedule::EndRests(TimePoint now) {
 }
 
 void Schedule::ExpireRequests(TimePoint now, Turn& turn) {
-  std::vector<u16> expired;
+  std::vector<std::pair<TimePoint, u16>> expired;
   for (const auto& [number, flight] : m_flights) {
     if (flight.next <= now) {
-      expired.push_back(number);
+      expired.emplace_back(flight.next, number);
     }
   }
-  for (const u16 number : expired) {
-    if (m_flights.contains(number)) {
+  std::sort(expired.begin(), expired.end());
+  for (const auto& [time, number] : expired) {
+    const auto flight = m_flights.find(number);
+    if (flight != m_flights.end() && ExpiryTime(flight->second) <= now) {
       Expire(number, now, turn);
     }
   }
 }
 
+TimePoint Schedule::ExpiryTime(const Flight& flight) const {
+  return IsServerHeard() ? std::max(flight.next, m_pace.NextSend()) : flight.next;
+}
+
 void Schedule::Expire(u16 number, TimePoint now, Turn& turn) {
   const Flight& flight = m_flights.at(number);
+  m_pace.Lost(now);
   const bool isSilentByItself = IsServerHeard() && m_lastAnswer >= flight.first;
   if (flight.sends >= m_timing.sends && isSilentByItself) {
     Apply(number, PortEvent::UNANSWERED, now);
@@ -174,8 +181,8 @@ void Schedule::FillWindow(TimePoint now, Turn& turn) {
     }
   }
   for (; !m_due.empty() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
-    if (fresh >= kWindow) {
-      m_nextLaunch = room;
+    if (fresh >= kWindow || m_pace.NextSend() > now) {
+      m_nextLaunch = fresh >= kWindow ? room : m_pace.NextSend();
       return;
     }
     Launch(std::get<u16>(*m_due.begin()), now, turn);
@@ -196,7 +203,9 @@ void Schedule::Send(u16 number, Flight& flight, TimePoint now, Turn& turn) {
   ++flight.sends;
   flight.last = now;
   turn.sends.push_back({number, flight.id, {}});
-  if (!IsServerHeard()) {
+  if (IsServerHeard()) {
+    m_pace.Sent(now);
+  } else {
     Spend(now);
   }
 }

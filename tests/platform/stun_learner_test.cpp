@@ -44,6 +44,20 @@ TEST(StunLearner, OneCanaryGoesFirstThenSignallingPortsThenTheRestInAWindow) {
   }
 }
 
+TEST(StunLearner, RouterThatLimitsTheRateIsNotOverrun) {
+  World world;
+  world.Add(10000, 10999, 3);
+  double tokens = 5;
+  world.respond = [&, last = 0ms](u16 port, auto&) mutable {  // 200 requests a second, five at once
+    tokens =
+        std::min(5.0, tokens + 0.2 * static_cast<double>((world.Time() - std::exchange(last, world.Time())).count()));
+    return tokens < 1 ? Nothing() : (--tokens, Maps(port));
+  };
+  world.RunUntil(10s);
+  EXPECT_GE(world.learnt.size(), 990U);
+  EXPECT_LE(world.sendings.size(), 3000U);
+}
+
 TEST(StunLearner, ServerThatNeverHelpsCostsFewRequests) {
   for (const auto& reply : {Nothing(), Refuses(400), kUnusable}) {
     for (const Millis apart : {10000ms, 100ms}) {
