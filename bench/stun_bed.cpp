@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <vector>
 
@@ -24,11 +25,13 @@ std::string Prefix() { return "stunbed-" + std::to_string(::getpid()) + "-"; }
 
 }  // namespace
 
-StunBed::StunBed()
+StunBed::StunBed(std::chrono::milliseconds delay)
     : m_home(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)),
+      m_delay(delay),
       m_dev(Prefix() + "dev"),
       m_rtr(Prefix() + "rtr"),
-      m_inet(Prefix() + "inet") {
+      m_inet(Prefix() + "inet"),
+      m_between(Prefix() + "between") {
   char directory[] = "/tmp/stunbed-XXXXXX";
   if (::mkdtemp(directory) == nullptr) {
     throw std::runtime_error("no temporary directory");
@@ -52,7 +55,7 @@ StunBed::StunBed()
 StunBed::~StunBed() { TearDown(); }
 
 void StunBed::BuildNetwork() {
-  for (const std::string& name : {m_dev, m_rtr, m_inet}) {
+  for (const std::string& name : {m_dev, m_rtr, m_inet, m_between}) {
     Shell("ip netns add " + name + " && ip -n " + name + " link set lo up");
   }
   const auto join = [this](const std::string& name, const char* link, const char* address, const char* routerLink,
@@ -65,11 +68,25 @@ void StunBed::BuildNetwork() {
   };
   join(m_dev, "d0", "10.77.0.2/24", "r0", "10.77.0.1/24");
   join(m_inet, "i0", "203.0.113.1/24", "r1", "203.0.113.2/24");
+  if (m_delay.count() != 0) {
+    Interpose();
+  }
   Shell("ip -n " + m_dev + " route add default via 10.77.0.1");
   Shell("ip netns exec " + m_rtr + " sysctl -qw net.ipv4.ip_forward=1");
   Shell(
       "ip netns exec " + m_rtr +
       " nft 'table ip nat { chain post { type nat hook postrouting priority srcnat; oifname \"r1\" masquerade; }; }'");
+}
+
+// The wire between router and server is cut, and its ends lead into a relay.
+void StunBed::Interpose() {
+  const std::string inBetween = "ip -n " + m_between + " link ";
+  Shell("ip -n " + m_rtr + " link del r1");
+  Shell(inBetween + "add left type veth peer name r1 netns " + m_rtr + " && " + inBetween + "set left up");
+  Shell(inBetween + "add right type veth peer name i0 netns " + m_inet + " && " + inBetween + "set right up");
+  Shell("ip -n " + m_rtr + " addr add 203.0.113.2/24 dev r1 && ip -n " + m_rtr + " link set r1 up");
+  Shell("ip -n " + m_inet + " addr add 203.0.113.1/24 dev i0 && ip -n " + m_inet + " link set i0 up");
+  m_relay.emplace(m_between, "left", "right", m_delay);
 }
 
 // The server has its socket when this returns.
@@ -103,11 +120,12 @@ void StunBed::TearDown() {
     ::kill(m_server, SIGKILL);
     ::waitpid(m_server, nullptr, 0);
   }
+  m_relay.reset();
   if (::setns(m_home, CLONE_NEWNET) != 0) {
     std::abort();
   }
   ::close(m_home);
-  for (const std::string& name : {m_dev, m_rtr, m_inet}) {
+  for (const std::string& name : {m_dev, m_rtr, m_inet, m_between}) {
     // A namespace that was never made has none to go.
     [[maybe_unused]] const int gone = std::system(("ip netns del " + name + " 2>/dev/null").c_str());
   }
@@ -115,8 +133,29 @@ void StunBed::TearDown() {
   std::filesystem::remove_all(m_directory, ignored);
 }
 
-void StunBed::Lose(int percent) {
+void StunBed::Spoil(int lossPercent, int requestsPerSecond) {
+  std::string rules = "numgen random mod 100 < " + std::to_string(lossPercent) + " drop; ";
+  if (requestsPerSecond != 0) {
+    rules += std::string("udp dport ") + kPort + " limit rate over " + std::to_string(requestsPerSecond) +
+             "/second burst 5 packets drop; ";
+  }
   Shell("ip netns exec " + m_rtr +
-        " nft 'table ip loss { chain both { type filter hook forward priority 0; numgen random mod 100 < " +
-        std::to_string(percent) + " drop; }; }'");
+        " nft 'table ip spoil {}; delete table ip spoil; table ip spoil { chain both { type " +
+        "filter hook forward priority 0; " + rules + "}; }'");
+}
+
+PacketCount StunBed::Packets() const {
+  // After the name: eight columns of what was received, packets the second of them, and as many of what was sent.
+  std::ifstream links("/proc/thread-self/net/dev");
+  std::string word;
+  while (links >> word && word != "d0:") {
+  }
+  PacketCount count;
+  unsigned long skipped = 0;
+  links >> skipped >> count.in;
+  for (int i = 0; i < 7; ++i) {
+    links >> skipped;
+  }
+  links >> count.out;
+  return count;
 }

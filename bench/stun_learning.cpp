@@ -1,9 +1,12 @@
-// How long the STUN client takes to learn 1000 ports behind a real NAT, without loss and with 5 % loss each way, next
-// to what one socket, bind and sendto for each port takes on the same bed. Needs root; makes and removes its own
-// network namespaces. Exits with 1 when not everything was learnt, or not in time.
+// How long the STUN client takes to learn 1000 ports behind a real NAT, on good networks and bad ones, next to what one
+// socket, bind and sendto for each port takes on the same bed. Needs root; makes and removes its own network
+// namespaces. Exits with 1 when not everything was learnt, or not in time.
+//
+// With --idle MINUTES it measures instead what 200 learnt ports cost from then on.
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,8 +14,10 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <limits>
+#include <string_view>
 #include <vector>
 
 #include "bench/stun_bed.h"
@@ -25,7 +30,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr u16 kPorts = 1000;
 constexpr int kRounds = 5;
-constexpr std::chrono::seconds kLimit(30);
+constexpr std::chrono::seconds kLimit(60);
 constexpr double kNoBound = std::numeric_limits<double>::infinity();
 
 double Since(Clock::time_point begin) {
@@ -124,27 +129,37 @@ Value Median(std::vector<Value> values) {
   return values[values.size() / 2];
 }
 
-// Rounds on ports that the NAT has not seen. False when one did not learn all, or a median is above its bound.
-bool Measure(const char* name, u16 first, double mostBound, double allBound) {
+struct Bounds {
+  double most = kNoBound;       // of the median round, for 99 % of the ports
+  double worstMost = kNoBound;  // of each round, for 99 % of the ports
+  double all = kNoBound;        // of the median round
+};
+
+// Rounds on ports that the NAT has not seen. False when one did not learn nearly all, or a bound is missed.
+bool Measure(const char* name, u16 first, int rounds, const Bounds& bounds) {
   std::vector<double> most, all, sent, answered;
   std::vector<int> counts;
-  for (int i = 0; i < kRounds; ++i) {
+  for (int i = 0; i < rounds; ++i) {
     const auto base = static_cast<u16>(first + 2 * i * kPorts);
     const Round round = LearnWithClient(base);
     const Plain plain = AskWithSockets(static_cast<u16>(base + kPorts));
     most.push_back(round.most);
-    all.push_back(round.all);
+    all.push_back(round.all < 0 ? kNoBound : round.all);
     sent.push_back(plain.sent);
     answered.push_back(plain.all);
     counts.push_back(plain.answered);
   }
-  const bool isComplete = *std::min_element(all.begin(), all.end()) >= 0;
-  const bool isInTime = Median(most) <= mostBound && Median(all) <= allBound;
-  std::printf("%-10s client: 99 %% in %7.1f ms (bound %6.1f, worst %7.1f), all in %7.1f ms (bound %6.1f)%s%s\n", name,
-              Median(most), mostBound, *std::max_element(most.begin(), most.end()), Median(all), allBound,
-              isComplete ? "" : " -- NOT ALL", isInTime ? "" : " -- BOUND MISSED");
-  std::printf("%-10s socket/bind/sendto each: sent in %7.1f ms, last answer after %7.1f ms, %d of %d answered\n", name,
+  const double worst = *std::max_element(most.begin(), most.end());
+  const bool isComplete = *std::min_element(most.begin(), most.end()) >= 0;
+  const bool isInTime = Median(most) <= bounds.most && worst <= bounds.worstMost && Median(all) <= bounds.all;
+  std::printf(
+      "%-14s client: 99 %% in %7.1f ms (bound %7.1f), at worst %7.1f (bound %7.1f), all in %7.1f ms (bound "
+      "%7.1f)%s%s\n",
+      name, Median(most), bounds.most, worst, bounds.worstMost, Median(all), bounds.all,
+      isComplete ? "" : " -- NOT 99 %", isInTime ? "" : " -- BOUND MISSED");
+  std::printf("%-14s socket/bind/sendto each: sent in %7.1f ms, last answer after %7.1f ms, %d of %d answered\n", name,
               Median(sent), Median(answered), Median(counts), int{kPorts});
+  std::fflush(stdout);
   return isComplete && isInTime;
 }
 
@@ -169,21 +184,71 @@ double RoundTrip() {
   return times.empty() ? -1 : Median(times);
 }
 
+bool MeasureLearning() {
+  bool isInTime = true;
+  {
+    StunBed bed;
+    const double roundTrip = RoundTrip();
+    std::printf("%d ports, median of %d rounds; round-trip %.2f ms\n", int{kPorts}, kRounds, roundTrip);
+    isInTime = Measure("no loss", 1001, kRounds, {.all = 2 * roundTrip + 60});
+    bed.Spoil(5, 0);
+    isInTime = Measure("5 % loss", 11001, kRounds, {.most = 1000, .worstMost = 1600}) && isInTime;
+    bed.Spoil(20, 0);
+    isInTime = Measure("20 % loss", 21001, kRounds, {.most = 8000, .worstMost = 16000}) && isInTime;
+    bed.Spoil(0, 200);
+    isInTime = Measure("200 requests/s", 31001, 3, {.most = 20000}) && isInTime;
+  }
+  StunBed bed(std::chrono::milliseconds(50));
+  std::printf("round-trip %.2f ms\n", RoundTrip());
+  return Measure("far away", 1001, 3, {.all = 2500}) && isInTime;
+}
+
+// Of the whole process, which does nothing else meanwhile.
+double CpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+bool MeasureIdle(int minutes) {
+  const StunBed bed;
+  StunManager manager(true, true);
+  manager.UpdateSettings({{StunBed::kServer, StunBed::kPort}}, 0, 0, 0);
+  manager.AddPorts(10000, 10199, 1, 3, true, true);
+  if (!manager.Start(true, true)) {
+    return false;
+  }
+  ::poll(nullptr, 0, 5000);
+  const double cpu = CpuSeconds();
+  const PacketCount before = bed.Packets();
+  ::poll(nullptr, 0, minutes * 60000);
+  const PacketCount after = bed.Packets();
+  const double seconds = minutes * 60.0;
+  const double percent = 100 * (CpuSeconds() - cpu) / seconds;
+  const double out = static_cast<double>(after.out - before.out) / seconds;
+  const double in = static_cast<double>(after.in - before.in) / seconds;
+  std::printf("200 ports for %d min: %.3f %% of a core (bound 0.2), %.1f packets/s out, %.1f in (bound 10)\n", minutes,
+              percent, out, in);
+  return percent < 0.2 && out < 10 && in < 10;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   if (::geteuid() != 0) {
     std::fprintf(stderr, "stun_learning: needs root, for network namespaces\n");
     return 1;
   }
+  const int minutes = argc == 3 && std::string_view(argv[1]) == "--idle" ? std::atoi(argv[2]) : 0;
+  if (argc != 1 && (minutes < 1 || minutes > 1440)) {
+    std::fprintf(stderr, "usage: stun_learning [--idle MINUTES]\n");
+    return 2;
+  }
   try {
-    StunBed bed;
-    const double roundTrip = RoundTrip();
-    std::printf("%d ports, median of %d rounds; round-trip %.2f ms\n", int{kPorts}, kRounds, roundTrip);
-    bool isInTime = Measure("no loss", 10001, kNoBound, 3 * roundTrip + 150);
-    bed.Lose(5);
-    isInTime = Measure("5 % loss", 30001, 1500, kNoBound) && isInTime;
-    return isInTime ? 0 : 1;
+    return (minutes != 0 ? MeasureIdle(minutes) : MeasureLearning()) ? 0 : 1;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "stun_learning: %s\n", error.what());
     return 1;

@@ -11,13 +11,13 @@
 
 #include "host/config_section.h"
 #include "host/config_text.h"
+#include "host/stun_config.h"
 #include "platform/unique_fd.h"
 
 namespace {
 
 constexpr u16 kNatChanged = 0x0080;
 constexpr u16 kStunChanged = 0x2000;
-constexpr std::size_t kMaxHostName = 253;  // RFC 1035, section 2.3.4, as text
 constexpr std::size_t kMaxFile = 1 << 20;  // bytes; far above any configuration, far below what memory holds
 
 const toml::table* Section(const toml::table& root, std::string_view name, ConfigErrors& errors) {
@@ -116,16 +116,6 @@ void ReadGw(ConfigSection& section, const MediaConfig& media, NatConfig& nat) {
     section.Refuse("gw_interface", "must be \"*\" or the name of an interface, 1 to 15 characters");
   }
   CheckGwRange(section, media, nat);
-}
-
-void ReadStun(ConfigSection& section, NatConfig& nat) {
-  section.Text("server_host", nat.stunServerHost);
-  section.Port("server_port", nat.stunServerPort);
-  section.Number("setting1", nat.stunSetting1);
-  section.Number("setting2", nat.stunSetting2);
-  section.Number("setting3", nat.stunSetting3);
-  section.RefuseUnknown();
-  if (nat.stunServerHost.size() > kMaxHostName) section.Refuse("server_host", "longer than 253 characters");
 }
 
 void CheckStunUse(ConfigSection& section, const NatConfig& nat) {

@@ -116,6 +116,31 @@ void ConfigSection::Text(std::string_view key, std::string& value) {
   value = std::move(text);
 }
 
+void ConfigSection::Texts(std::string_view key, std::vector<std::string>& values) {
+  const toml::node* node = Find(key);
+  if (node == nullptr) {
+    return;
+  }
+  std::vector<const toml::node*> entries;
+  if (node->as_array() == nullptr) {
+    entries.push_back(node);
+  } else {
+    for (const toml::node& entry : *node->as_array()) {
+      entries.push_back(&entry);
+    }
+  }
+  for (const toml::node* entry : entries) {
+    const auto* text = entry->as_string();
+    if (text == nullptr) {
+      return Refuse(key, "must be a string or an array of strings, has " + std::string(TomlTypeName(entry->type())));
+    }
+    if (!IsWord(text->get())) {
+      return Refuse(key, "must not contain blanks or control characters");
+    }
+    values.push_back(text->get());
+  }
+}
+
 bool ConfigSection::DottedQuad(std::string_view key, std::string& text, u32& address) {
   if (!String(key, text)) return false;
   in_addr parsed{};

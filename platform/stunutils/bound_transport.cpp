@@ -28,12 +28,12 @@ class BoundTransport : public Transport {
 
   void ListenTo(std::span<const Endpoint>) override {}  // each socket is connected to its server
 
-  Sent Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
+  int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
     auto found = m_sockets.find(localPort);
     if (found == m_sockets.end()) {
       UniqueFd socket = Bind(localPort);
       if (!socket) {
-        return Sent::UNAVAILABLE;
+        return errno;
       }
       found = m_sockets.emplace(localPort, std::move(socket)).first;
     }
@@ -44,7 +44,7 @@ class BoundTransport : public Transport {
         errno != EAGAIN && errno != ENOBUFS && errno != ECONNREFUSED) {
       m_error = errno;
     }
-    return Sent::SENT;
+    return 0;
   }
 
   void Release(u16 localPort) override { m_sockets.erase(localPort); }
@@ -77,10 +77,9 @@ class BoundTransport : public Transport {
     event.data.u32 = localPort;
     if (!socket || ::bind(socket.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
         ::epoll_ctl(m_poller.Get(), EPOLL_CTL_ADD, socket.Get(), &event) != 0) {
-      if (errno != EADDRINUSE) {
-        m_error = errno;
-      }
-      return UniqueFd();
+      const int error = errno;
+      socket.Reset();
+      errno = error;
     }
     return socket;
   }

@@ -1,5 +1,6 @@
 #include "platform/stunutils/diagnosis.h"
 
+#include <cerrno>
 #include <system_error>
 
 #include "platform/stunutils/diagnostics.h"
@@ -8,54 +9,93 @@ namespace stun {
 namespace {
 
 constexpr Millis kTogether{1000};
+constexpr Millis kCalm{10000};
+constexpr u16 kTryAlternate = 300;  // RFC 8489, 14.8
+
+// "5060 10000-10199"
+std::string Ranges(const std::set<u16>& ports) {
+  std::string text;
+  for (auto at = ports.begin(); at != ports.end();) {
+    const u16 first = *at;
+    u16 last = first;
+    while (++at != ports.end() && *at == last + 1) {
+      last = *at;
+    }
+    text += (text.empty() ? "" : " ") + std::to_string(first);
+    if (last != first) {
+      text += "-" + std::to_string(last);
+    }
+  }
+  return text;
+}
 
 }  // namespace
+
+void Diagnosis::Problem(const std::string& text, TimePoint now) {
+  const auto [problem, isNew] = m_problems.insert_or_assign(text, now);
+  if (isNew) {
+    Say(text);
+  }
+}
 
 void Diagnosis::Silent(const Endpoint& server) {
   if (!m_isToldSilent) {
     m_isToldSilent = true;
-    m_lines.push_back("server " + EndpointText(server) + " does not answer; known mappings are kept");
+    Say("server " + EndpointText(server) + " does not answer; known mappings are kept");
   }
 }
 
-void Diagnosis::Refused(const Endpoint& server, const Answer& answer) {
-  if (!m_isToldRefused) {
-    m_isToldRefused = true;
-    m_lines.push_back("server " + EndpointText(server) +
-                      (answer.kind == Answer::Kind::REFUSED ? " refuses with error " + std::to_string(answer.errorCode)
-                                                            : " answers without a usable address"));
+// Error 300 names another server. It is not followed: without authentication anybody on the way could send the device's
+// requests, and with them its mappings, wherever he likes.
+void Diagnosis::Refused(const Endpoint& server, const Answer& answer, TimePoint now) {
+  std::string text = "server " + EndpointText(server);
+  if (answer.kind != Answer::Kind::REFUSED) {
+    text += " answers without a usable address";
+  } else if (answer.errorCode == kTryAlternate) {
+    text += " refers to another server (error 300), which is not followed: configure that server instead";
+  } else {
+    text += " refuses with error " + std::to_string(answer.errorCode);
   }
+  Problem(text, now);
 }
 
-void Diagnosis::Mapped(u16 port, const Endpoint& server) {
+void Diagnosis::Mapped(u16 port, const Endpoint& server, TimePoint now) {
   m_toldUnavailable.erase(port);
-  m_toldError = 0;
+  std::erase_if(m_problems, [now](const auto& problem) { return problem.second + kCalm <= now; });
   if (m_isToldSilent) {
     m_isToldSilent = false;
-    m_lines.push_back("server " + EndpointText(server) + " answers again");
+    Say("server " + EndpointText(server) + " answers again");
   }
 }
 
-void Diagnosis::SendFailed(int error) {
-  if (error != m_toldError) {
-    m_toldError = error;
-    m_lines.push_back("cannot send: " + std::generic_category().message(error));
+void Diagnosis::NatMaps(NatMapping how, const Endpoint& mapped, const Endpoint& server, const Arrival& other) {
+  const bool isDifferent = how == NatMapping::DIFFERENT;
+  const std::string port = "the NAT maps port " + std::to_string(other.port);
+  if (isDifferent && !m_isToldDifferent) {
+    Say(port + " differently for each destination: " + EndpointText(mapped) + " toward " + EndpointText(server) + ", " +
+        EndpointText(other.answer.mapped) + " toward " + EndpointText(other.source) +
+        "; what is learnt holds for the server alone");
+  } else if (!isDifferent && m_isToldDifferent) {
+    Say(port + " the same way for each destination: what is learnt holds for others than the server again");
   }
+  m_isToldDifferent = isDifferent;
 }
 
-void Diagnosis::Differs(u16 port, const Endpoint& mapped, const Endpoint& server, const Endpoint& otherMapped,
-                        const Endpoint& otherServer) {
-  if (!m_isToldDifferent) {
-    m_isToldDifferent = true;
-    m_lines.push_back("the NAT maps port " + std::to_string(port) + " differently for each destination: " +
-                      EndpointText(mapped) + " toward " + EndpointText(server) + ", " + EndpointText(otherMapped) +
-                      " toward " + EndpointText(otherServer) + "; what is learnt holds for the server alone");
+void Diagnosis::Unsettled(std::optional<u16> port) {
+  if (port && !m_isToldUnsettled) {
+    Say("the mapping of port " + std::to_string(*port) +
+        " does not settle: nearly each answer shows another; the last that was seen twice in a row is used");
+  } else if (!port && m_isToldUnsettled) {
+    Say("mappings settle again");
   }
+  m_isToldUnsettled = port.has_value();
 }
 
-void Diagnosis::Unavailable(u16 port, TimePoint now) {
-  if (m_toldUnavailable.insert(port).second) {
-    m_unavailable.insert(port);
+void Diagnosis::Unavailable(u16 port, int error, TimePoint now) {
+  const auto told = m_toldUnavailable.find(port);
+  if (told == m_toldUnavailable.end() || told->second != error) {
+    m_toldUnavailable[port] = error;
+    m_unavailable[error].insert(port);
     m_unavailableSince = m_unavailableSince.value_or(now);
   }
 }
@@ -64,32 +104,17 @@ void Diagnosis::TellUnavailable(TimePoint now, bool isComplete) {
   if (!m_unavailableSince || (!isComplete && now - *m_unavailableSince < kTogether)) {
     return;
   }
-  std::string text = "these ports are in use and cannot be learnt without CAP_NET_RAW:";
-  for (auto at = m_unavailable.begin(); at != m_unavailable.end();) {
-    const u16 first = *at;
-    u16 last = first;
-    while (++at != m_unavailable.end() && *at == last + 1) {
-      last = *at;
-    }
-    text += " " + std::to_string(first);
-    if (last != first) {
-      text += "-" + std::to_string(last);
-    }
+  for (const auto& [error, ports] : m_unavailable) {
+    Say(error == EADDRINUSE
+            ? "these ports are in use and cannot be learnt without CAP_NET_RAW: " + Ranges(ports)
+            : "these ports cannot be bound (" + std::generic_category().message(error) + "): " + Ranges(ports));
   }
-  m_lines.push_back(std::move(text));
   m_unavailable.clear();
   m_unavailableSince.reset();
 }
 
 TimePoint Diagnosis::NextDeadline() const {
   return m_unavailableSince ? *m_unavailableSince + kTogether : TimePoint::max();
-}
-
-void Diagnosis::Write() {
-  for (const std::string& line : m_lines) {
-    Notice(line);
-  }
-  m_lines.clear();
 }
 
 }  // namespace stun

@@ -1,44 +1,49 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/stunutils/message.h"
+#include "platform/stunutils/stun_manager.h"
 #include "platform/stunutils/timing.h"
 
 namespace stun {
 
-// What the journal is told of one run: each trouble once and again only after it had gone, a refusal and a NAT's
-// different mappings once in all. Lines are collected and written by Write, so that nothing is written while a lock is
-// held. One thread.
+// The lines for the journal: each problem once until it clears, however often learning is begun anew. They are
+// collected for TakeLines.
 class Diagnosis {
  public:
-  void NoServer() { m_lines.emplace_back("there is no server to ask"); }
-  void Silent(const Endpoint& server);
-  void Refused(const Endpoint& server, const Answer& answer);
-  void Mapped(u16 port, const Endpoint& server);
-  void SendFailed(int error);
-  // The same port has two mappings, toward two servers.
-  void Differs(u16 port, const Endpoint& mapped, const Endpoint& server, const Endpoint& otherMapped,
-               const Endpoint& otherServer);
+  void Say(std::string line) { m_lines.push_back(std::move(line)); }
+  // Said once until it clears: a mapping was learnt and the problem has not come up for ten seconds.
+  void Problem(const std::string& text, TimePoint now);
 
-  // The port is in use. Told together with others that are found within a moment, or when `isComplete`.
-  void Unavailable(u16 port, TimePoint now);
+  void Silent(const Endpoint& server);
+  void Refused(const Endpoint& server, const Answer& answer, TimePoint now);
+  void Mapped(u16 port, const Endpoint& server, TimePoint now);
+  // What the comparison of the port's mapping with another server's answer showed.
+  void NatMaps(NatMapping how, const Endpoint& mapped, const Endpoint& server, const Arrival& other);
+  // Of the mapping that does not settle, if there is one.
+  void Unsettled(std::optional<u16> port);
+
+  // The port cannot be used, an errno. Told together with others that are found within a moment, or when `isComplete`.
+  void Unavailable(u16 port, int error, TimePoint now);
   void TellUnavailable(TimePoint now, bool isComplete);
   TimePoint NextDeadline() const;
 
-  void Write();
+  std::vector<std::string> TakeLines() { return std::exchange(m_lines, {}); }
 
  private:
   std::vector<std::string> m_lines;
+  std::map<std::string, TimePoint> m_problems;  // when they last came up
   bool m_isToldSilent = false;
-  bool m_isToldRefused = false;
   bool m_isToldDifferent = false;
-  int m_toldError = 0;
-  std::set<u16> m_toldUnavailable;
-  std::set<u16> m_unavailable;  // yet to be told
+  bool m_isToldUnsettled = false;
+  std::map<u16, int> m_toldUnavailable;
+  std::map<int, std::set<u16>> m_unavailable;  // yet to be told
   std::optional<TimePoint> m_unavailableSince;
 };
 

@@ -1,92 +1,91 @@
 #pragma once
 
-#include <atomic>
+#include <list>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/stunutils/diagnosis.h"
-#include "platform/stunutils/name_look_up.h"
 #include "platform/stunutils/nat_check.h"
 #include "platform/stunutils/port_table.h"
 #include "platform/stunutils/schedule.h"
 #include "platform/stunutils/server_list.h"
 #include "platform/stunutils/timing.h"
-#include "platform/stunutils/transport.h"
-#include "platform/unique_fd.h"
-#include "platform/vxsysutils/thread_mutex.h"
 
 namespace stun {
 
-// What the manager's callers and its thread share. The lock is held briefly, never while anything is
-// waited for, sent or called back.
-struct Shared {
-  Shared();
-
-  ThreadMutex lock;
-  PortTable table NAT_GUARDED_BY(lock);
-  Schedule schedule NAT_GUARDED_BY(lock);
-  Settings settings NAT_GUARDED_BY(lock);
-  u32 settingsVersion NAT_GUARDED_BY(lock) = 1;
-  StunManager::ChangedPortsCallback callback NAT_GUARDED_BY(lock) = nullptr;
-  void* context NAT_GUARDED_BY(lock) = nullptr;
-  bool stop NAT_GUARDED_BY(lock) = false;
-
-  std::atomic<bool> scanWanted{false};
-  const UniqueFd wake;  // an eventfd
-
-  // The thread looks at all of the above again. Any thread.
-  void Wake() const;
-};
-
-// Learns from one local address from construction on, on the thread that calls Run. What it is working on is its own;
-// ports, mappings and settings are shared and outlive it.
+// Learns the mappings of the registered ports: it knows what to send, what an answer means and what to report. It reads
+// no clock and has no thread, lock or socket. Ports, mappings and problems survive a new Begin.
 class Learner {
  public:
-  Learner(Shared& shared, std::unique_ptr<Transport> transport);
+  explicit Learner(const Random& random) : m_schedule(random), m_servers(m_diagnosis), m_natCheck(random) {}
+  Learner(const Learner&) = delete;
+  Learner& operator=(const Learner&) = delete;
 
-  // Works until `stop` is set.
-  void Run();
+  void AddPort(u16 port, u8 owner, bool isMedia);
+  void RemovePort(u16 port);
+  void RemoveAllPorts();
+  Mapping Find(u16 port) const { return m_table.Find(port); }
+  bool Has(u16 port) const { return m_table.Has(port); }
+  std::size_t Size() const { return m_table.Size(); }
+  std::size_t KnownSize() const { return m_table.KnownSize(); }
+  NatMapping Nat() const { return m_natCheck.Conclusion(); }
+
+  // Starts learning over a new transport. From another local address than before, known mappings are only kept to be
+  // compared with the next ones.
+  void Begin(bool takesPorts, bool isElsewhere, TimePoint now);
+  // Other servers and numbers.
+  void Configure(const Settings& settings, TimePoint now);
+
+  void Scan(TimePoint now) { m_schedule.Scan(now); }
+  void LookedUp(const ServerList::Addresses& found, TimePoint now);
+  void Heed(const Arrival& arrival, TimePoint now);
+
+  // What is to be done now, in this order.
+  struct Turn {
+    bool areServersNew = false;      // datagrams of Servers() are of interest, others are not
+    std::vector<std::string> names;  // to be looked up
+    std::vector<u16> ended;          // ports that await nothing any more
+    std::vector<Order> sends;
+  };
+  Turn Advance(TimePoint now);
+  const std::vector<Endpoint>& Servers() const { return m_servers.All(); }
+  // What came of the sends: the port cannot be used, an errno; the network refused datagrams, an errno.
+  void Unavailable(u16 port, int error, TimePoint now);
+  void SendFailed(int error, TimePoint now);
+  // Learning cannot begin.
+  void Problem(const std::string& text, TimePoint now) { m_diagnosis.Problem(text, now); }
+
+  // What there is to report once the sends are done.
+  std::list<std::pair<u16, u16>> TakeChanges(TimePoint now);
+  std::vector<std::string> TakeLines(TimePoint now);
+  // When to call Advance again at the latest.
+  TimePoint NextDeadline() const;
 
  private:
-  struct Arrival {
-    u16 port = 0;
-    Endpoint source;
-    Answer answer;
-  };
+  void StartOver(TimePoint now);
+  void ChooseServer(TimePoint now);
+  void FollowAdvice(TimePoint now);
+  void HeedMapping(const Arrival& arrival, TimePoint now);
+  void HeedComparison(const Arrival& arrival, TimePoint now);
+  void BeginComparison(u16 port, TimePoint now);
+  void EndComparison(TimePoint now);
+  bool IsReportDue(TimePoint now) const;
 
-  bool TakeTurn();
-  void Wait();
-  void Receive();
-  void TakeSettings();
-  void TendServers(TimePoint now);
-  void ChooseServer() NAT_REQUIRES(m_shared.lock);
-  void HeedAnswer(const Arrival& arrival, TimePoint now) NAT_REQUIRES(m_shared.lock);
-  void HeedMapping(const Arrival& arrival, TimePoint now) NAT_REQUIRES(m_shared.lock);
-  void HeedRefusal(const Arrival& arrival, TimePoint now) NAT_REQUIRES(m_shared.lock);
-  void HeedComparison(const Arrival& arrival) NAT_REQUIRES(m_shared.lock);
-  void HeedSilence(TimePoint now);
-  void Transmit(TimePoint now);
-  void Settle(TimePoint now);
-  void ReportChanges();
-
-  Shared& m_shared;
-  const std::unique_ptr<Transport> m_transport;
-  u32 m_settingsVersion = 0;
-  Timing m_timing;
-  ServerList m_servers;
-  NameLookUp m_lookUp;
-  NatCheck m_natCheck;
   Diagnosis m_diagnosis;
-  bool m_isStartingOver = true;  // with the next server every port is due
+  PortTable m_table;
+  Schedule m_schedule;
+  ServerList m_servers;
+  NatCheck m_natCheck;
+  Settings m_settings;
+  Timing m_timing;
+  bool m_takesPorts = false;
+  bool m_areServersNew = true;
+  std::optional<Endpoint> m_server;  // in-flight requests were sent to it
   std::optional<TimePoint> m_changedSince;
-  TimePoint m_deadline = TimePoint::min();
-
-  // Of one turn. The server is the one that what is in flight was sent to.
-  std::vector<Arrival> m_arrivals;
-  Schedule::Turn m_turn;
-  std::optional<Endpoint> m_server;
-  std::vector<u16> m_refused;
-  bool m_isReportDue = false;
+  TimePoint m_lastReport{};
+  std::vector<u16> m_ended;
 };
 
 }  // namespace stun

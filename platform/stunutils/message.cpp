@@ -1,5 +1,7 @@
 #include "platform/stunutils/message.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <bit>
 
@@ -65,6 +67,13 @@ u16 ReadErrorCode(std::span<const u8> value) {
   const unsigned group = value[2] & 0x07;
   const unsigned number = value[3];
   return group >= 3 && group <= 6 && number < 100 ? static_cast<u16>(group * 100 + number) : u16{0};
+}
+
+// Not "this network" (0/8), loopback (127/8), multicast, reserved or broadcast (224/3). Private ones may be: the
+// server may be behind the same carrier's NAT.
+bool CanBeMapped(const Endpoint& endpoint) {
+  const u32 first = ntohl(endpoint.address) >> 24;
+  return endpoint.port != 0 && first != 0 && first != 127 && first < 224;
 }
 
 struct Attributes {
@@ -143,7 +152,7 @@ std::optional<Answer> ParseAnswer(std::span<const u8> datagram) {
     return answer;
   }
   const Endpoint mapped = found.xorMapped.value_or(found.mapped.value_or(Endpoint{}));
-  if (mapped.Known() && !found.notUnderstood) {
+  if (CanBeMapped(mapped) && !found.notUnderstood) {
     answer.kind = Answer::Kind::MAPPED;
     answer.mapped = mapped;
   }

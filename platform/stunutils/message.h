@@ -42,6 +42,13 @@ struct Answer {
   u16 errorCode = 0;  // REFUSED only; 0 when the response names none
 };
 
+// An answer that came to a port.
+struct Arrival {
+  u16 port = 0;
+  Endpoint source;
+  Answer answer;
+};
+
 // Reads a datagram. Nothing when it is no answer to a Binding request or is malformed: as if it had never come.
 std::optional<Answer> ParseAnswer(std::span<const u8> datagram);
 

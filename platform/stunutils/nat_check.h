@@ -3,35 +3,52 @@
 #include <optional>
 
 #include "platform/stunutils/schedule.h"
+#include "platform/stunutils/stun_manager.h"
 
 namespace stun {
 
-// Asks a second server for one port, once, to tell a NAT that maps a port the same way for every destination from one
-// that does not. Nothing is concluded from silence. As free of clocks and sockets as the schedule.
+// Asks a second server for one port, from time to time, to tell a NAT that maps a port the same way for every
+// destination from one that does not. Nothing is concluded from silence. As free of clocks and sockets as the schedule.
 class NatCheck {
  public:
   explicit NatCheck(Random random) : m_random(std::move(random)) {}
 
-  void Begin(u16 port, const Endpoint& server, TimePoint now);
-  // It has been begun since the last Reset, whatever came of it.
-  bool IsDone() const { return m_isDone; }
+  // Nothing is known, the next comparison is due, none is under way any more.
   void Reset();
+  // What is known may not hold any more.
+  void Doubt() { m_due = TimePoint{}; }
 
+  bool IsDue(TimePoint now) const { return !m_isUnderWay && now >= m_due; }
+  // `server` is not the one that told `mapped`.
+  void Begin(u16 port, const Endpoint& mapped, const Endpoint& server, TimePoint now);
   // The request to be sent now, if one is.
-  std::optional<Schedule::Order> Advance(TimePoint now, Millis rto);
+  std::optional<Order> Advance(TimePoint now, Millis rto);
   TimePoint NextDeadline() const { return m_isUnderWay ? m_next : TimePoint::max(); }
 
   bool IsUnderWay() const { return m_isUnderWay; }
   u16 Port() const { return m_port; }
-  const Endpoint& Server() const { return m_server; }
-  // Whether an answer is the awaited one; it is then over.
-  bool Answered(u16 port, const Endpoint& source, const TransactionId& id);
+  const Endpoint& Mapped() const { return m_mapped; }
+  // Ends it without a conclusion when it has lasted long enough, or at once.
+  bool GiveUp(TimePoint now);
+  void Cancel() { m_isUnderWay = false; }
+
+  bool IsAwaited(u16 port, const Endpoint& source, const TransactionId& id) const;
+  // The awaited answer: it is over. Whether the conclusion differs from the one before.
+  bool Answered(const Answer& answer, TimePoint now);
+
+  NatMapping Conclusion() const { return m_conclusion; }
+  // How many comparisons were answered by nobody.
+  std::size_t Silences() const { return m_silences; }
 
  private:
   const Random m_random;
-  bool m_isDone = false;
+  NatMapping m_conclusion = NatMapping::UNKNOWN;
+  std::size_t m_silences = 0;
+  TimePoint m_due{};
+  // Of the comparison under way.
   bool m_isUnderWay = false;
   u16 m_port = 0;
+  Endpoint m_mapped;
   Endpoint m_server;
   TransactionId m_id{};
   u32 m_sends = 0;

@@ -11,9 +11,10 @@ void PortTable::Remove(u16 port) {
   }
   found->second.owners.pop_back();
   if (found->second.owners.empty()) {
-    m_knownSize -= found->second.current.mapped.Known() ? 1 : 0;
+    m_knownSize -= found->second.mapping.Mapped().Known() ? 1 : 0;
     m_ports.erase(found);
     m_changed.erase(port);
+    m_unsettled.erase(port);
   }
 }
 
@@ -21,58 +22,52 @@ void PortTable::Clear() {
   m_ports.clear();
   m_knownSize = 0;
   m_changed.clear();
+  m_unsettled.clear();
 }
 
-bool PortTable::HasOwner(u16 port, u8 owner) const {
+bool PortTable::IsSignalling(u16 port) const {
   const auto found = m_ports.find(port);
-  return found != m_ports.end() &&
-         std::find(found->second.owners.begin(), found->second.owners.end(), owner) != found->second.owners.end();
+  return found != m_ports.end() && !std::all_of(found->second.owners.begin(), found->second.owners.end(),
+                                                [](const Owner& owner) { return owner.isMedia; });
 }
 
-PortTable::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& server) {
-  const auto found = m_ports.find(port);
-  if (found == m_ports.end()) {
-    return Told::LEARNT;
-  }
-  Port& entry = found->second;
-  const bool isSecondTime = mapped == entry.candidate;
-  if (isSecondTime || !entry.current.mapped.Known() || mapped == entry.settled) {
-    m_knownSize += entry.current.mapped.Known() ? 0 : 1;
-    entry.current = {mapped, server};
-  }
-  if (!entry.settled.Known() || mapped == entry.settled) {
-    entry.settled = mapped;
-    entry.candidate = {};
-    return Told::LEARNT;
-  }
-  if (isSecondTime) {
-    entry.settled = mapped;
-    entry.candidate = {};
+Mapping::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& server) {
+  Mapping& mapping = m_ports.at(port).mapping;
+  m_knownSize += mapping.Mapped().Known() ? 0 : 1;
+  const Mapping::Told told = mapping.Tell(mapped, server);
+  if (told == Mapping::Told::CHANGED) {
     m_changed.insert(port);
-    return Told::LEARNT;
   }
-  entry.candidate = mapped;
-  return Told::DOUBTFUL;
+  if (mapping.IsUnsettled()) {
+    m_unsettled.insert(port);
+  } else {
+    m_unsettled.erase(port);
+  }
+  return told;
 }
 
-PortTable::Known PortTable::Find(u16 port) const {
+Mapping PortTable::Find(u16 port) const {
   const auto found = m_ports.find(port);
-  return found == m_ports.end() ? Known{} : found->second.current;
+  return found == m_ports.end() ? Mapping() : found->second.mapping;
+}
+
+std::optional<u16> PortTable::Unsettled() const {
+  return m_unsettled.empty() ? std::nullopt : std::optional(*m_unsettled.begin());
 }
 
 void PortTable::Forget() {
-  m_knownSize = 0;
-  for (auto& [port, entry] : m_ports) {
-    entry.current = {};
-    entry.candidate = {};
+  for (auto& [number, port] : m_ports) {
+    port.mapping.Forget();
   }
+  m_knownSize = 0;
+  m_unsettled.clear();
 }
 
 std::list<std::pair<u16, u16>> PortTable::TakeChanges() {
   std::list<std::pair<u16, u16>> changes;
   for (const u16 port : m_changed) {
-    for (const u8 owner : m_ports.at(port).owners) {
-      changes.emplace_back(port, owner);
+    for (const Owner& owner : m_ports.at(port).owners) {
+      changes.emplace_back(port, owner.id);
     }
   }
   m_changed.clear();

@@ -13,7 +13,6 @@ namespace stun {
 namespace {
 
 constexpr std::size_t kLargestPacket = 2048;  // an answer is far smaller
-constexpr std::size_t kMostServers = 32;      // as many as the filter's jumps of 8 bits reach over, with room to spare
 
 sock_filter Statement(int code, u32 k) { return {static_cast<u16>(code), 0, 0, k}; }
 sock_filter UnlessEqual(u32 k, std::size_t skip) { return {BPF_JMP | BPF_JEQ | BPF_K, 0, static_cast<u8>(skip), k}; }
@@ -30,7 +29,7 @@ std::vector<sock_filter> AnswersOf(std::span<const Endpoint> servers) {
   program.push_back(Statement(BPF_LD | BPF_W | BPF_IND, 12));
   program.push_back({BPF_JMP | BPF_JEQ | BPF_K, 1, 0, kMagicCookie});
   program.push_back(Statement(BPF_RET | BPF_K, 0));
-  for (const Endpoint& server : servers.first(std::min(servers.size(), kMostServers))) {
+  for (const Endpoint& server : servers) {
     program.push_back(Statement(BPF_LD | BPF_W | BPF_ABS, 12));
     program.push_back(UnlessEqual(ntohl(server.address), 3));
     program.push_back(Statement(BPF_LD | BPF_H | BPF_IND, 0));
@@ -53,7 +52,7 @@ class RawTransport : public Transport {
     }
   }
 
-  Sent Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
+  int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
     const auto datagram = UdpDatagram(m_localAddress, localPort, server, message);
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -63,7 +62,7 @@ class RawTransport : public Transport {
         errno != EAGAIN && errno != ENOBUFS) {
       m_error = errno;
     }
-    return Sent::SENT;
+    return 0;
   }
 
   void Release(u16) override {}

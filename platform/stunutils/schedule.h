@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <tuple>
 #include <unordered_map>
@@ -8,19 +9,28 @@
 #include <vector>
 
 #include "platform/stunutils/message.h"
+#include "platform/stunutils/pace.h"
+#include "platform/stunutils/port_state.h"
 #include "platform/stunutils/random.h"
+#include "platform/stunutils/server_state.h"
 #include "platform/stunutils/timing.h"
 #include "platform/types.h"
 
 namespace stun {
 
-// Decides which port is asked for when; nothing here reads a clock, sends or knows a mapping.
+// A request to be sent.
+struct Order {
+  u16 port = 0;
+  TransactionId id{};
+  Endpoint server{};
+};
+
+// Decides which port asks when; nothing here reads a clock, sends or knows a mapping. port_state.h and server_state.h
+// hold every step.
 //
-// While the server has not been heard, one port, the canary, is asked for at a time, so that a dead server costs one
-// transaction and not one per port. Once it has answered, up to kWindow ports are asked for at a time, urgent ones
-// first, and then each port again once a period, at a place in the period that is the port's own: so a device's ports
-// are spread over the period. A port that is silent while the server was heard in the meantime is silent by itself and
-// waits for its next turn; otherwise another port becomes the canary.
+// While the server is not heard, one port asks it, the canary; with each of its retransmissions one port more asks
+// once. So a dead server costs few requests, and a port that is silent by itself holds nothing up. Once the server is
+// heard, a window of ports asks, urgent ones first, and then each port once a period, at its own place in it.
 class Schedule {
  public:
   // Each answer is charged 832 bytes of receive buffer, of which there are 212992 by default.
@@ -32,101 +42,113 @@ class Schedule {
   explicit Schedule(Random random) : m_random(std::move(random)) {}
 
   void SetTiming(const Timing& timing, TimePoint now);
-  void Add(u16 port, bool isUrgent);
-  void Remove(u16 port);
+  void Add(u16 number, bool isUrgent);
+  void Remove(u16 number);
   void Clear();
-  // All ports are due, the server is to be heard again. Also what a new server asks for.
-  void Restart();
-  // The server to be asked has changed, the ports' turns have not. One that is fresh is not made to wait for the
-  // others' failures.
-  void ServerChanged(bool isFresh);
-  // Asks for every port now, one that was asked for a moment ago as soon as that is a while ago. A storm of scans is
-  // one.
+  // All ports are due, and the server is to be heard again.
+  void Restart(TimePoint now);
+  // Another server is asked; the ports' turns stay. A fresh one does not wait for the others' pause.
+  void SwitchServer(bool isFresh, TimePoint now);
+  // Every port asks now, or as soon as it may again: requests under way are sent once more. Scans within a moment of
+  // each other are one, at its end.
   void Scan(TimePoint now);
 
-  struct Order {
-    u16 port = 0;
-    TransactionId id{};
-  };
-  // What is found of a silent server: DOUBTED once, when a canary was sent three times for nothing, GIVEN_UP whenever a
-  // canary's time is over.
-  enum class Silence { NONE, DOUBTED, GIVEN_UP };
   struct Turn {
-    std::vector<Order> sends;
-    std::vector<u16> ended;  // ports nothing is awaited for any more; to be heeded before the sends
-    Silence silence = Silence::NONE;
+    std::vector<Order> sends;  // without the server
+    std::vector<u16> ended;    // ports that await nothing any more; to be handled before the sends
   };
   // What is to be done now.
   void Advance(TimePoint now, Turn& turn);
   // When Advance is to be called again at the latest.
   TimePoint NextDeadline() const;
+  // TELL, GIVE_UP or LEAVE, once, when that is the owner's to do.
+  ServerAction TakeAdvice() { return std::exchange(m_advice, ServerAction::NOTHING); }
 
-  // REFUSED_FOR_NOW is tried again soon, a few times.
-  enum class Outcome { LEARNT, CHECK_AGAIN, REFUSED, REFUSED_FOR_NOW };
-  // Whether an answer with this id is awaited for the port.
-  bool IsAwaited(u16 port, const TransactionId& id) const;
-  // An awaited answer came. CHECK_AGAIN asks for the port once more at once.
-  void Answered(u16 port, Outcome outcome, TimePoint now);
-  // The port cannot be asked for: it is put off to its next turn.
-  void Unavailable(u16 port, TimePoint now);
+  // Whether an answer with this id is awaited for the port. What an awaited one said is then told.
+  bool IsAwaited(u16 number, const TransactionId& id) const;
+  void Mapped(u16 number, bool isDoubtful, TimePoint now);
+  void Refused(u16 number, TimePoint now);
+  // The port cannot ask: it waits for its next turn.
+  void Unavailable(u16 number, TimePoint now) { Apply(number, PortEvent::UNANSWERED, now); }
 
-  bool IsServerHeard() const { return m_isHeard; }
+  // Takes a resting port out of the schedule until it is returned; false for any other port.
+  bool Lend(u16 number, TimePoint now);
+  void Return(u16 number, TimePoint now) { Apply(number, PortEvent::RETURNED, now); }
+
+  bool IsServerHeard() const { return m_server == ServerState::HEARD; }
   // Nothing is awaited and nothing due.
-  bool IsIdle() const { return m_flights.empty() && m_ready.empty(); }
+  bool IsIdle() const { return m_flights.empty() && m_due.empty(); }
   std::size_t InFlight() const { return m_flights.size(); }
 
  private:
-  enum class State { READY, WAITING, IN_FLIGHT };
   struct Port {
     bool isUrgent = false;
     bool isKnown = false;
-    u8 passes = 0;    // canaries nobody answered, since the server was last heard
+    u8 passes = 0;    // times it was a canary for nothing since the server was last heard
     u8 refusals = 0;  // in a row
-    State state = State::READY;
-    TimePoint due{};    // when its turn is or was; the epoch: at once
-    TimePoint asked{};  // when last asked for the first time in a transaction
+    PortState state = PortState::DUE;
+    TimePoint turn{};   // when its turn is or was; the epoch: first
+    TimePoint asked{};  // when it last began to ask
   };
   struct Flight {
     TransactionId id{};
     u32 sends = 0;
     TimePoint first{};
     TimePoint last{};
-    TimePoint next{};
+    TimePoint next{};  // max: not sent again while the server is not heard
+    bool isNudged = false;
   };
-  using Ports = std::unordered_map<u16, Port>;
-  using ReadyKey = std::tuple<u8, bool, TimePoint, u16>;  // the longest due first
+  using DueKey = std::tuple<u8, bool, TimePoint, u16>;  // the longest due first
 
-  static ReadyKey Key(u16 port, const Port& state) { return {state.passes, !state.isUrgent, state.due, port}; }
-  void Unlink(u16 port, const Port& state);
-  void MakeReady(u16 port, Port& state, u8 passes);
-  void MakeWait(u16 port, Port& state, TimePoint due);
-  void AbandonFlights();
+  static DueKey Key(u16 number, const Port& port) { return {port.passes, !port.isUrgent, port.turn, number}; }
+  void Link(u16 number, const Port& port);
+  void Unlink(u16 number, const Port& port);
+  void Apply(u16 number, PortEvent event, TimePoint now);
+  void Act(u16 number, Port& port, PortAction action, TimePoint now);
+  void RestBriefly(u16 number, Port& port, TimePoint now);
+  TimePoint MayAskAgain(const Port& port) const;
+  TimePoint Place(u16 number, TimePoint now) const { return NextPlace(number, now, m_timing.period, m_random); }
+
+  void Apply(ServerEvent event, TimePoint now);
+  void Open(PortEvent toCanaries, TimePoint now);
+  void EndFlights(PortEvent event, TimePoint now);
+  void PauseCanary(Millis pause, TimePoint now);
+  void WakeKnownPort(TimePoint now);
+
+  void RunScan(TimePoint now);
+  void EndRests(TimePoint now);
+  void ExpireRequests(TimePoint now, Turn& turn);
+  void Expire(u16 number, TimePoint now, Turn& turn);
+  void SendNudged(TimePoint now, Turn& turn);
+  void SendCanary(TimePoint now, Turn& turn);
+  void SendCompanion(TimePoint now, Turn& turn);
   void FillWindow(TimePoint now, Turn& turn);
-  void Launch(u16 port, TimePoint now, Turn& turn);
-  void Send(u16 port, Flight& flight, TimePoint now, Turn& turn);
-  void Expire(u16 port, TimePoint now, Turn& turn);
-  void GiveUp(u16 port, bool wasServerHeard, TimePoint now, Turn& turn);
-  void SeekAnotherCanary(u16 doubted, TimePoint now, Turn& turn);
-  void PauseCanary(u16 port, TimePoint now, Millis pause);
-  void ServerHeard(TimePoint now);
-  TimePoint Place(u16 port, TimePoint now) const { return NextPlace(port, now, m_timing.period, m_random); }
+  void Launch(u16 number, TimePoint now, Turn& turn);
+  void Send(u16 number, Flight& flight, TimePoint now, Turn& turn);
+  TimePoint ExpiryTime(const Flight& flight) const;
+  TimePoint NudgeTime(const Flight& flight) const;
+  void Spend(TimePoint now);
 
   const Random m_random;
   Timing m_timing;
-  Ports m_ports;
-  std::set<ReadyKey> m_ready;
-  std::set<std::pair<TimePoint, u16>> m_waiting;
+  std::unordered_map<u16, Port> m_ports;
+  std::set<DueKey> m_due;
+  std::set<std::pair<TimePoint, u16>> m_resting;
   std::map<u16, Flight> m_flights;
   std::vector<u16> m_ended;
-  bool m_isHeard = false;
-  bool m_isSilent = false;       // a canary has been sent three times for nothing
-  bool m_isPortDoubted = false;  // rather than the server: the canary's predecessor was a port it had answered
-  bool m_isNudged = false;       // send the canary once more, beside its schedule
-  TimePoint m_nextLaunch = TimePoint::max();  // when there is room for ports that are ready
+
+  ServerState m_server = ServerState::UNHEARD;
+  ServerAction m_advice = ServerAction::NOTHING;
+  std::optional<u16> m_canary;  // the one with retransmissions
+  u32 m_refusals = 0;           // in a row
+  Pace m_pace;                  // while it is heard
   TimePoint m_lastAnswer{};
   TimePoint m_pauseBegan{};  // of the pause between two canaries
   TimePoint m_pauseEnd{};
+  TimePoint m_nextLaunch = TimePoint::max();  // when there is room for ports that are due
   TimePoint m_lastScan{};
+  TimePoint m_scanDue = TimePoint::max();
+  TimePoint m_spent{};  // up to here requests beside the regular ones have used their share
 };
 
 }  // namespace stun

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-// What a turn does: time-outs, retransmissions, and which ports are asked for next.
+// A turn: time-outs, retransmissions, and which ports ask next.
 
 namespace stun {
 namespace {
@@ -11,143 +11,202 @@ namespace {
 // way that happens by chance once in a thousand times.
 constexpr u32 kDoubtfulSends = 3;
 
+constexpr Millis kScanQuiet{250};
+constexpr Millis kShortPause{1000};
+
+// Beside its regular requests a server that is not heard gets two at once and then one a second; one that is heard
+// gets 50 times as many. A scan brings a port's request forward to this long after the last.
+constexpr Millis kCredit{1000};
+constexpr Millis kCostUnheard{1000};
+constexpr Millis kCostHeard{20};
+constexpr Millis kNudgeGap{400};
+
 }  // namespace
 
 void Schedule::Advance(TimePoint now, Turn& turn) {
-  while (!m_waiting.empty() && m_waiting.begin()->first <= now) {
-    const u16 port = m_waiting.begin()->second;
-    MakeReady(port, m_ports.at(port), 0);
+  RunScan(now);
+  EndRests(now);
+  ExpireRequests(now, turn);
+  SendNudged(now, turn);
+  if (IsServerHeard()) {
+    FillWindow(now, turn);
+  } else {
+    SendCanary(now, turn);
   }
-  std::vector<u16> expired;
-  for (const auto& [port, flight] : m_flights) {
-    if (flight.next <= now) {
-      expired.push_back(port);
-    }
-  }
-  for (const u16 port : expired) {
-    if (m_flights.contains(port)) {
-      Expire(port, now, turn);
-    }
-  }
-  if (m_isNudged && !m_isHeard && !m_flights.empty() && turn.sends.empty()) {
-    auto& [port, flight] = *m_flights.begin();
-    turn.sends.push_back({port, flight.id});
-    flight.last = now;
-  }
-  m_isNudged = false;
-  FillWindow(now, turn);
+  std::erase_if(turn.sends, [this](const Order& order) { return !IsAwaited(order.port, order.id); });
   turn.ended.insert(turn.ended.end(), m_ended.begin(), m_ended.end());
   m_ended.clear();
 }
 
-void Schedule::FillWindow(TimePoint now, Turn& turn) {
-  m_nextLaunch = TimePoint::max();
-  if (!m_isHeard) {
-    if (m_flights.empty() && !m_ready.empty() && now >= m_pauseEnd) {
-      Launch(std::get<u16>(*m_ready.begin()), now, turn);
-    } else if (m_flights.empty() && !m_ready.empty()) {
-      m_nextLaunch = m_pauseEnd;
-    }
+TimePoint Schedule::NextDeadline() const {
+  if (!m_ended.empty()) {
+    return TimePoint::min();
+  }
+  TimePoint next = std::min(m_nextLaunch, m_scanDue);
+  for (const auto& [number, flight] : m_flights) {
+    next = std::min({next, ExpiryTime(flight), NudgeTime(flight)});
+  }
+  return m_resting.empty() ? next : std::min(next, m_resting.begin()->first);
+}
+
+void Schedule::Scan(TimePoint now) { m_scanDue = std::min(m_scanDue, std::max(now, m_lastScan + kScanQuiet)); }
+
+void Schedule::RunScan(TimePoint now) {
+  if (m_scanDue > now) {
     return;
   }
+  m_scanDue = TimePoint::max();
+  m_lastScan = now;
+  for (const auto& [number, port] : m_ports) {
+    Apply(number, PortEvent::SCAN, now);
+  }
+  m_pauseEnd = std::min(m_pauseEnd, m_pauseBegan + kShortPause);
+}
+
+void Schedule::EndRests(TimePoint now) {
+  while (!m_resting.empty() && m_resting.begin()->first <= now) {
+    Apply(m_resting.begin()->second, PortEvent::TURN, now);
+  }
+}
+
+void Schedule::ExpireRequests(TimePoint now, Turn& turn) {
+  std::vector<std::pair<TimePoint, u16>> expired;
+  for (const auto& [number, flight] : m_flights) {
+    if (flight.next <= now) {
+      expired.emplace_back(flight.next, number);
+    }
+  }
+  std::sort(expired.begin(), expired.end());
+  for (const auto& [time, number] : expired) {
+    const auto flight = m_flights.find(number);
+    if (flight != m_flights.end() && ExpiryTime(flight->second) <= now) {
+      Expire(number, now, turn);
+    }
+  }
+}
+
+TimePoint Schedule::ExpiryTime(const Flight& flight) const {
+  return IsServerHeard() ? std::max(flight.next, m_pace.NextSend()) : flight.next;
+}
+
+void Schedule::Expire(u16 number, TimePoint now, Turn& turn) {
+  const Flight& flight = m_flights.at(number);
+  m_pace.Lost(now);
+  const bool isSilentByItself = IsServerHeard() && m_lastAnswer >= flight.first;
+  if (flight.sends >= m_timing.sends && isSilentByItself) {
+    Apply(number, PortEvent::UNANSWERED, now);
+  } else if (flight.sends >= m_timing.sends) {
+    Apply(number, PortEvent::PASSED, now);
+    Apply(ServerEvent::GIVEN_UP, now);
+  } else if (flight.sends == kDoubtfulSends && !isSilentByItself) {
+    if (IsServerHeard()) {
+      Apply(number, PortEvent::PASSED, now);
+    }
+    Apply(ServerEvent::UNANSWERED, now);
+  }
+  const auto left = m_flights.find(number);
+  if (left != m_flights.end()) {
+    Send(number, left->second, now, turn);
+    SendCompanion(now, turn);
+  }
+}
+
+void Schedule::SendNudged(TimePoint now, Turn& turn) {
+  for (auto& [number, flight] : m_flights) {
+    if (NudgeTime(flight) <= now) {
+      flight.isNudged = false;
+      flight.last = now;
+      turn.sends.push_back({number, flight.id, {}});
+      Spend(now);
+    }
+  }
+}
+
+TimePoint Schedule::NudgeTime(const Flight& flight) const {
+  return flight.isNudged ? std::max(flight.last + kNudgeGap, m_spent - kCredit) : TimePoint::max();
+}
+
+void Schedule::Spend(TimePoint now) {
+  m_spent = std::max(m_spent, now) + (IsServerHeard() ? kCostHeard : kCostUnheard);
+}
+
+void Schedule::SendCanary(TimePoint now, Turn& turn) {
+  m_nextLaunch = TimePoint::max();
+  if (!m_canary && m_due.empty() && !m_flights.empty()) {  // the canary has gone, its companions have not
+    auto& [number, flight] = *m_flights.begin();
+    m_canary = number;
+    flight.next = flight.last + m_timing.rto;
+  }
+  if (m_canary || m_due.empty()) {
+    return;
+  }
+  if (now < m_pauseEnd) {
+    m_nextLaunch = m_pauseEnd;
+    return;
+  }
+  m_canary = std::get<u16>(*m_due.begin());
+  Launch(*m_canary, now, turn);
+}
+
+// A port that asks once beside the canary: one of the other kind, where there is one, as a network may drop the
+// requests of one kind; else any that is due; else one that was answered before.
+void Schedule::SendCompanion(TimePoint now, Turn& turn) {
+  if (IsServerHeard() || !m_canary) {
+    return;
+  }
+  const bool isUrgent = m_ports.at(*m_canary).isUrgent;
+  if (m_due.empty()) {
+    WakeKnownPort(now);
+  }
+  auto next = std::find_if(m_due.begin(), m_due.end(),
+                           [isUrgent](const DueKey& key) { return std::get<bool>(key) == isUrgent; });
+  if (next == m_due.end()) {
+    next = m_due.begin();
+  }
+  if (next != m_due.end()) {
+    const u16 number = std::get<u16>(*next);
+    Launch(number, now, turn);
+    m_flights.at(number).next = TimePoint::max();
+  }
+}
+
+void Schedule::FillWindow(TimePoint now, Turn& turn) {
+  m_nextLaunch = TimePoint::max();
   std::size_t fresh = 0;
   TimePoint room = TimePoint::max();
-  for (const auto& [port, flight] : m_flights) {
+  for (const auto& [number, flight] : m_flights) {
     if (flight.last + kFresh > now) {
       ++fresh;
       room = std::min(room, flight.last + kFresh);
     }
   }
-  for (; !m_ready.empty() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
-    if (fresh >= kWindow) {
-      m_nextLaunch = room;
+  for (; !m_due.empty() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
+    if (fresh >= kWindow || m_pace.NextSend() > now) {
+      m_nextLaunch = fresh >= kWindow ? room : m_pace.NextSend();
       return;
     }
-    Launch(std::get<u16>(*m_ready.begin()), now, turn);
+    Launch(std::get<u16>(*m_due.begin()), now, turn);
     room = std::min(room, now + kFresh);
   }
 }
 
-TimePoint Schedule::NextDeadline() const {
-  if (!m_ended.empty() || m_isNudged) {
-    return TimePoint::min();
-  }
-  TimePoint next = m_nextLaunch;
-  for (const auto& [port, flight] : m_flights) {
-    next = std::min(next, flight.next);
-  }
-  if (!m_waiting.empty()) {
-    next = std::min(next, m_waiting.begin()->first);
-  }
-  return next;
-}
-
-void Schedule::Launch(u16 port, TimePoint now, Turn& turn) {
-  Port& state = m_ports.at(port);
-  Unlink(port, state);
-  state.state = State::IN_FLIGHT;
-  state.asked = now;
-  Flight& flight = m_flights[port];
+void Schedule::Launch(u16 number, TimePoint now, Turn& turn) {
+  Apply(number, PortEvent::ROOM, now);
+  Flight& flight = m_flights.at(number);
   flight.id = NewTransactionId(m_random);
   flight.first = now;
-  Send(port, flight, now, turn);
+  Send(number, flight, now, turn);
 }
 
-void Schedule::Send(u16 port, Flight& flight, TimePoint now, Turn& turn) {
+void Schedule::Send(u16 number, Flight& flight, TimePoint now, Turn& turn) {
   flight.next = now + (flight.sends + 1 < m_timing.sends ? m_timing.rto * (1 << flight.sends) : m_timing.lastWait);
   ++flight.sends;
   flight.last = now;
-  turn.sends.push_back({port, flight.id});
-}
-
-void Schedule::Expire(u16 port, TimePoint now, Turn& turn) {
-  Flight& flight = m_flights.at(port);
-  const bool wasServerHeard = m_isHeard && m_lastAnswer >= flight.first;
-  if (flight.sends >= m_timing.sends) {
-    GiveUp(port, wasServerHeard, now, turn);
-    return;
-  }
-  if (flight.sends == kDoubtfulSends && !wasServerHeard) {
-    if (m_isHeard) {
-      SeekAnotherCanary(port, now, turn);
-      return;
-    }
-    if (!m_isSilent) {
-      m_isSilent = true;
-      m_isPortDoubted = false;
-      turn.silence = Silence::DOUBTED;
-    }
-  }
-  Send(port, flight, now, turn);
-}
-
-void Schedule::GiveUp(u16 port, bool wasServerHeard, TimePoint now, Turn& turn) {
-  if (wasServerHeard) {
-    MakeWait(port, m_ports.at(port), Place(port, now));
-  } else if (m_isHeard) {
-    SeekAnotherCanary(port, now, turn);
+  turn.sends.push_back({number, flight.id, {}});
+  if (IsServerHeard()) {
+    m_pace.Sent(now);
   } else {
-    m_isSilent = true;
-    m_isPortDoubted = false;
-    turn.silence = Silence::GIVEN_UP;
-    PauseCanary(port, now, m_timing.canaryPause);
-  }
-}
-
-// A port that was answered before tells the server's silence from the doubted port's own.
-void Schedule::SeekAnotherCanary(u16 doubted, TimePoint now, Turn& turn) {
-  AbandonFlights();
-  turn.sends.clear();
-  m_isHeard = m_isSilent = false;
-  m_isPortDoubted = true;
-  PauseCanary(doubted, now, Millis{0});
-  if (std::get<u8>(*m_ready.begin()) > 0) {
-    const auto known = std::find_if(m_waiting.begin(), m_waiting.end(),
-                                    [this](const auto& entry) { return m_ports.at(entry.second).isKnown; });
-    if (known != m_waiting.end()) {
-      const u16 port = known->second;
-      MakeReady(port, m_ports.at(port), 0);
-    }
+    Spend(now);
   }
 }
 

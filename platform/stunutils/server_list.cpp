@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <sstream>
 
 #include "platform/sockets/inet.h"
 #include "platform/stunutils/diagnostics.h"
@@ -31,28 +32,23 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
   m_configured = servers;
   std::vector<Server> before;
   before.swap(m_servers);
-  bool isNameNew = false;
   for (const StunServInfo& info : servers) {
-    Server server{info.serverHost, ParsePort(info.serverPort), false, false, {}};
-    if (server.host.empty() || server.port == 0) {
-      Notice("\"" + info.serverHost + ":" + info.serverPort + "\" cannot be a server: it needs a host and a port");
-      continue;
-    }
-    const u32 address = sockets::inet_addr(server.host.c_str());
-    server.isName = address == sockets::kNoAddress;
-    if (IsUsable(address)) {
-      server.addresses = {address};
-    } else if (!server.isName) {
-      Notice(server.host + " cannot be a server's address");
-    }
+    std::istringstream texts(info.serverHost);
+    std::string text;
+    do {
+      std::getline(texts, text, ',');
+      Append(text, info.serverPort);
+    } while (!texts.eof());
+  }
+  bool isNameNew = false;
+  for (Server& server : m_servers) {
     const auto same =
-        std::find_if(before.begin(), before.end(), [&](const Server& b) { return b.host == server.host; });
+        std::find_if(before.begin(), before.end(), [&](const Server& other) { return other.host == server.host; });
     if (server.isName && same != before.end()) {
       server.addresses = same->addresses;
       server.isToldMissing = same->isToldMissing;
     }
     isNameNew = isNameNew || (server.isName && same == before.end());
-    m_servers.push_back(std::move(server));
   }
   if (isNameNew) {
     m_nextLookUp = TimePoint::min();
@@ -60,6 +56,31 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
   }
   Collect();
   return true;
+}
+
+void ServerList::Append(const std::string& text, const std::string& defaultPort) {
+  const std::size_t colon = text.find(':');
+  const std::string port = colon == std::string::npos ? defaultPort : text.substr(colon + 1);
+  Server server{text.substr(0, colon), ParsePort(port), false, false, {}};
+  if (server.host.empty() || server.port == 0) {
+    m_diagnosis.Say("\"" + server.host + ":" + port + "\" cannot be a server: it needs a host and a port");
+    return;
+  }
+  const u32 address = sockets::inet_addr(server.host.c_str());
+  server.isName = address == sockets::kNoAddress;
+  if (IsUsable(address)) {
+    server.addresses = {address};
+  } else if (!server.isName) {
+    m_diagnosis.Say(server.host + " cannot be a server's address");
+  }
+  m_servers.push_back(std::move(server));
+}
+
+void ServerList::Restart() {
+  m_current = m_tried = 0;
+  m_isLookingUp = false;
+  m_retry = kFirstRetry;
+  m_nextLookUp = TimePoint::min();
 }
 
 std::vector<std::string> ServerList::NamesToLookUp(TimePoint now) {
@@ -91,7 +112,8 @@ void ServerList::LookedUp(const Addresses& found, TimePoint now) {
     }
     if (!addresses.empty()) {
       if (server.isToldMissing) {
-        Notice("the server's name " + server.host + " has an address again: " + AddressText(addresses.front()));
+        m_diagnosis.Say("the server's name " + server.host +
+                        " has an address again: " + AddressText(addresses.front()));
       }
       server.isToldMissing = false;
       server.addresses = std::move(addresses);
@@ -100,7 +122,7 @@ void ServerList::LookedUp(const Addresses& found, TimePoint now) {
     isMissing = true;
     if (outcome != found.end() && !server.isToldMissing) {
       server.isToldMissing = true;
-      Notice("the server's name " + server.host + " has no address; looking it up again from time to time");
+      m_diagnosis.Say("the server's name " + server.host + " has no address; looking it up again from time to time");
     }
   }
   m_retry = isMissing ? std::clamp(m_retry * 2, kFirstRetry, kLongestRetry) : Millis{0};
@@ -114,8 +136,10 @@ std::optional<Endpoint> ServerList::Current() const {
   return m_endpoints.empty() ? std::nullopt : std::optional(m_endpoints[m_current]);
 }
 
-std::optional<Endpoint> ServerList::Second() const {
-  return m_endpoints.size() < 2 ? std::nullopt : std::optional(m_endpoints[(m_current + 1) % m_endpoints.size()]);
+std::optional<Endpoint> ServerList::Second(std::size_t number) const {
+  const std::size_t others = m_endpoints.size() - std::min<std::size_t>(m_endpoints.size(), 1);
+  return others == 0 ? std::nullopt
+                     : std::optional(m_endpoints[(m_current + 1 + number % others) % m_endpoints.size()]);
 }
 
 void ServerList::Next() {
@@ -135,6 +159,11 @@ void ServerList::Collect() {
         endpoints.push_back(endpoint);
       }
     }
+  }
+  if (endpoints.size() > kMost) {
+    m_diagnosis.Say("of " + std::to_string(endpoints.size()) + " server addresses only the first " +
+                    std::to_string(kMost) + " are used");
+    endpoints.resize(kMost);
   }
   if (endpoints == m_endpoints) {
     return;

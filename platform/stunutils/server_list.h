@@ -7,18 +7,28 @@
 #include <string>
 #include <vector>
 
-#include "platform/stunutils/schedule.h"
+#include "platform/stunutils/diagnosis.h"
+#include "platform/stunutils/message.h"
 #include "platform/stunutils/stun_manager.h"
+#include "platform/stunutils/timing.h"
 
 namespace stun {
 
-// The servers and their addresses, of which one is asked at a time. One thread at a time.
+// The servers and their addresses, in their order, of which one is asked at a time.
 class ServerList {
  public:
-  // Replaces the servers. What cannot be a server (no name, a port outside 1 to 65535) is told to the journal and left
-  // out. Servers that stay keep their addresses; the one being asked stays when it is still among them. False
-  // when the same servers were configured before.
+  // Addresses beyond are told to the journal and not used. Also as many as a transport listens to.
+  static constexpr std::size_t kMost = 32;
+
+  explicit ServerList(Diagnosis& diagnosis) : m_diagnosis(diagnosis) {}
+
+  // Replaces the servers; each text may hold several, see stun_manager.h. What cannot be a server (no name, a port
+  // outside 1 to 65535) is told to the journal and left out. Servers that stay keep their addresses; the one being
+  // asked stays when it is still among them. False when the same servers were configured before.
   bool Configure(const std::list<StunServInfo>& servers);
+
+  // Begins with the first server, and looks the names up again; a look-up under way is forgotten.
+  void Restart();
 
   bool IsEmpty() const { return m_servers.empty(); }
 
@@ -31,8 +41,8 @@ class ServerList {
 
   // The server to ask; none while no address is known.
   std::optional<Endpoint> Current() const;
-  // Another than the current one, for comparison.
-  std::optional<Endpoint> Second() const;
+  // Another than the current one, for comparison; with another number another one.
+  std::optional<Endpoint> Second(std::size_t number) const;
   const std::vector<Endpoint>& All() const { return m_endpoints; }
 
   // The current server is of no use: on to the next, round the list.
@@ -54,8 +64,10 @@ class ServerList {
     std::vector<u32> addresses;
   };
 
+  void Append(const std::string& text, const std::string& defaultPort);
   void Collect();
 
+  Diagnosis& m_diagnosis;
   std::optional<std::list<StunServInfo>> m_configured;
   std::vector<Server> m_servers;
   std::vector<Endpoint> m_endpoints;

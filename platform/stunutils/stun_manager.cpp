@@ -4,11 +4,10 @@
 #include <system_error>
 #include <thread>
 
-#include "nat/nat_records.h"
 #include "platform/stunutils/diagnostics.h"
-#include "platform/stunutils/learner.h"
 #include "platform/stunutils/signals.h"
-#include "platform/vxnetutils/route_helper.h"
+#include "platform/stunutils/worker.h"
+#include "platform/vxnetutils/kernel_routes.h"
 
 using stun::Clock;
 
@@ -51,6 +50,19 @@ struct StunManager::Impl {
     }
   }
 
+  // In the journal, once until it clears.
+  void Problem(const std::string& text) {
+    std::vector<std::string> lines;
+    {
+      const ScopedLock lock(shared.lock);
+      shared.learner.Problem(text, Clock::now());
+      lines = shared.learner.TakeLines(Clock::now());
+    }
+    for (const std::string& line : lines) {
+      stun::Notice(line);
+    }
+  }
+
   std::unique_ptr<stun::Transport> OpenTransport(u32 address) NAT_REQUIRES(control) {
     auto transport = stun::OpenRawTransport(address);
     if (transport == nullptr && MayNotBeRaw(errno)) {
@@ -61,27 +73,26 @@ struct StunManager::Impl {
       transport = stun::OpenBoundTransport(address);
     }
     if (transport == nullptr) {
-      stun::Notice("cannot open sockets on " + stun::AddressText(address) + ": " +
-                   std::generic_category().message(errno));
+      Problem("cannot open sockets on " + stun::AddressText(address) + ": " + std::generic_category().message(errno));
     }
     return transport;
   }
 
   bool BeginThread(std::unique_ptr<stun::Transport> transport) NAT_REQUIRES(control) {
     try {
-      thread = std::thread([this, learner = std::make_unique<stun::Learner>(shared, std::move(transport))] {
+      thread = std::thread([this, worker = std::make_unique<stun::Worker>(shared, std::move(transport))] {
         stun::BlockSignals();
         {
           const ScopedLock lock(shared.lock);
           ownThread = std::this_thread::get_id();
         }
-        learner->Run();
+        worker->Run();
         const ScopedLock lock(shared.lock);
         ownThread = {};
       });
       return true;
     } catch (const std::system_error& error) {
-      stun::Notice(std::string("cannot start a thread: ") + error.what());
+      Problem(std::string("cannot start a thread: ") + error.what());
       return false;
     }
   }
@@ -96,12 +107,12 @@ bool StunManager::Start(bool, bool) {
     return false;
   }
   const ScopedLock control(m_impl->control);
-  u32 address = 0;
-  u32 gateway = 0;
-  if (!RouteHelper().GetOutInterface(0, address, gateway) || address == 0) {
-    stun::Notice("there is no uplink to learn on");
+  Route uplink;
+  if (KernelRoutes().FindDefault(uplink) != KernelRoutes::Answer::FOUND || uplink.address == 0) {
+    m_impl->Problem("there is no uplink to learn on");
     return false;
   }
+  const u32 address = uplink.address;
   auto transport = m_impl->OpenTransport(address);
   if (transport == nullptr || !m_impl->shared.wake) {
     return false;
@@ -110,10 +121,8 @@ bool StunManager::Start(bool, bool) {
   {
     const ScopedLock lock(m_impl->shared.lock);
     m_impl->shared.stop = false;
-    if (m_impl->localAddress != address) {
-      m_impl->shared.table.Forget();
-      m_impl->localAddress = address;
-    }
+    m_impl->shared.learner.Begin(transport->TakesPorts(), m_impl->localAddress != address, Clock::now());
+    m_impl->localAddress = address;
   }
   return m_impl->BeginThread(std::move(transport));
 }
@@ -127,14 +136,12 @@ void StunManager::Stop(bool) {
   m_impl->EndThread();
 }
 
-void StunManager::AddPorts(u16 start, u16 end, u8 interval, u8 owner, bool, bool) {
+void StunManager::AddPorts(u16 start, u16 end, u8 interval, u8 owner, bool isMedia, bool) {
   {
     const ScopedLock lock(m_impl->shared.lock);
     for (u32 each = start; each <= end; each += Step(interval)) {
       if (each != 0) {  // a datagram cannot be answered there
-        const auto port = static_cast<u16>(each);
-        m_impl->shared.table.Add(port, owner);
-        m_impl->shared.schedule.Add(port, m_impl->shared.table.HasOwner(port, CA_PROTO_SIP));
+        m_impl->shared.learner.AddPort(static_cast<u16>(each), owner, isMedia);
       }
     }
   }
@@ -145,13 +152,7 @@ void StunManager::RemovePorts(u16 start, u16 end, u8 interval) {
   {
     const ScopedLock lock(m_impl->shared.lock);
     for (u32 each = start; each <= end; each += Step(interval)) {
-      const auto port = static_cast<u16>(each);
-      m_impl->shared.table.Remove(port);
-      if (m_impl->shared.table.Has(port)) {
-        m_impl->shared.schedule.Add(port, m_impl->shared.table.HasOwner(port, CA_PROTO_SIP));
-      } else {
-        m_impl->shared.schedule.Remove(port);
-      }
+      m_impl->shared.learner.RemovePort(static_cast<u16>(each));
     }
   }
   m_impl->shared.Wake();
@@ -160,8 +161,7 @@ void StunManager::RemovePorts(u16 start, u16 end, u8 interval) {
 void StunManager::RemoveAllPorts() {
   {
     const ScopedLock lock(m_impl->shared.lock);
-    m_impl->shared.table.Clear();
-    m_impl->shared.schedule.Clear();
+    m_impl->shared.learner.RemoveAllPorts();
   }
   m_impl->shared.Wake();
 }
@@ -169,16 +169,27 @@ void StunManager::RemoveAllPorts() {
 void StunManager::GetPortResult(u16 port, StunResult& result) {
   result = StunResult{};
   const ScopedLock lock(m_impl->shared.lock);
-  if (!m_impl->shared.table.Has(port)) {
+  if (!m_impl->shared.learner.Has(port)) {
     return;
   }
-  const auto known = m_impl->shared.table.Find(port);
+  const auto known = m_impl->shared.learner.Find(port);
   result.address1 = m_impl->localAddress;
   result.port1 = port;
-  result.address2 = known.mapped.address;
-  result.port2 = known.mapped.port;
-  result.address3 = known.server.address;
-  result.port3 = known.server.port;
+  result.address2 = known.Mapped().address;
+  result.port2 = known.Mapped().port;
+  result.address3 = known.Server().address;
+  result.port3 = known.Server().port;
+}
+
+void StunManager::CountPorts(u32& registered, u32& known) {
+  const ScopedLock lock(m_impl->shared.lock);
+  registered = static_cast<u32>(m_impl->shared.learner.Size());
+  known = static_cast<u32>(m_impl->shared.learner.KnownSize());
+}
+
+NatMapping StunManager::GetNatMapping() {
+  const ScopedLock lock(m_impl->shared.lock);
+  return m_impl->shared.learner.Nat();
 }
 
 void StunManager::CountPorts(u32& registered, u32& known) {
@@ -202,8 +213,7 @@ void StunManager::SetChangedPortsCallback(ChangedPortsCallback callback, void* c
 void StunManager::UpdateSettings(const std::list<StunServInfo>& servers, u32 periodSeconds, u32 sends, u32 rtoMs) {
   {
     const ScopedLock lock(m_impl->shared.lock);
-    m_impl->shared.settings = {servers, periodSeconds, sends, rtoMs};
-    ++m_impl->shared.settingsVersion;
+    m_impl->shared.learner.Configure({servers, periodSeconds, sends, rtoMs}, Clock::now());
   }
   m_impl->shared.Wake();
 }

@@ -7,7 +7,8 @@
 
 #include "platform/types.h"
 
-// A STUN server: a host name or dotted address, and its port as decimal text.
+// A STUN server: a host name or dotted address, and its port as decimal text. The host may also be a list,
+// "HOST[:PORT],HOST[:PORT]": the first that works is asked, the others are compared with and failed over to.
 struct StunServInfo {
   std::string serverHost;
   std::string serverPort;
@@ -30,12 +31,16 @@ struct StunResult {
 };
 static_assert(sizeof(StunResult) == 44);
 
+// Whether a NAT gives a port the same mapping toward different destinations. Only then do others than the STUN server
+// see the port as it was learnt.
+enum class NatMapping { UNKNOWN, SAME, DIFFERENT };
+
 // Learns the public mapping of UDP ports that belong to other processes. Any thread may call any operation.
 class StunManager {
  public:
   // Called on the manager's thread, without a lock of it held, with the ports whose mapping changed: pairs of local
   // port and owner, one for each registration. A change is reported once a second answer has confirmed it, together
-  // with those found about then; the first mapping of a port is none.
+  // with those found about then, at most one report a second; the first mapping of a port is none.
   using ChangedPortsCallback = void (*)(void* context, std::list<std::pair<u16, u16>>& changedPorts);
 
   StunManager(bool, bool);
@@ -55,9 +60,10 @@ class StunManager {
   // Start. The manager must not be destroyed from its callback.
   void Stop(bool);
 
-  // Registers start, start + interval, ... up to end, each tagged with owner. The flags have no meaning here. A port
-  // may be registered several times (ranges overlap, interfaces share their ports); it is probed once all the same.
-  void AddPorts(u16 start, u16 end, u8 interval, u8 owner, bool, bool);
+  // Registers start, start + interval, ... up to end, each tagged with owner. Ports that are not for media are
+  // probed before others. The last flag has no meaning here. A port may be registered several times (ranges overlap,
+  // interfaces share their ports); it is probed once all the same.
+  void AddPorts(u16 start, u16 end, u8 interval, u8 owner, bool isMedia, bool);
 
   // Takes back one registration, the latest, of each of start, start + interval, ... up to end; a port that is not
   // registered is skipped. A port whose last registration goes is no longer probed and its mapping is forgotten.
@@ -73,6 +79,9 @@ class StunManager {
   // Probe now instead of at the next scheduled time; a port probed a moment ago as soon as that is a while ago. Several
   // in a row are one.
   void SendScanEvent();
+
+  // What comparing two servers showed on the current uplink; with one server address always UNKNOWN.
+  NatMapping GetNatMapping();
 
   void SetChangedPortsCallback(ChangedPortsCallback callback, void* context);
 

@@ -6,6 +6,7 @@ namespace stun {
 namespace {
 
 constexpr u32 kBoundSends = 3;
+constexpr Millis kLongestBoundRto{500};
 
 // 0 stands for the default, and what makes no sense for the nearest that does.
 u32 InReason(u32 value, u32 standard, u32 least, u32 most) {
@@ -21,6 +22,7 @@ Timing MakeTiming(const Settings& settings, bool takesPorts) {
   timing.sends = InReason(settings.sends, 7, 1, 16);
   timing.lastWait = timing.rto * 16;  // RFC 8489, 6.2.1: Rm
   if (takesPorts) {
+    timing.rto = std::min(timing.rto, kLongestBoundRto);
     timing.sends = std::min(timing.sends, kBoundSends);
     timing.lastWait = timing.rto * 2;
     timing.canaryPause = timing.period;

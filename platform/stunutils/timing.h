@@ -31,8 +31,8 @@ struct Settings {
   u32 rtoMs = 0;
 };
 
-// The timing they ask for. When a transaction takes the port from its owner it is short, and a silent server is asked
-// rarely.
+// The timing they ask for. When a transaction takes the port from its owner it lasts 2.5 s at most, and a silent server
+// is asked rarely.
 Timing MakeTiming(const Settings& settings, bool takesPorts);
 
 // When a port that was asked for about now is to be asked for again: each port has its own place in the period.

@@ -27,9 +27,9 @@ class Transport {
   // Datagrams of others than these are of no interest from now on.
   virtual void ListenTo(std::span<const Endpoint> servers) = 0;
 
-  // SENT is no promise: what the network refuses is as good as lost. UNAVAILABLE: the port is its owner's alone.
-  enum class Sent { SENT, UNAVAILABLE };
-  virtual Sent Send(u16 localPort, const Endpoint& server, std::span<const u8> message) = 0;
+  // 0, or why the port cannot be used, an errno; EADDRINUSE: it is its owner's alone. 0 is no promise: what the network
+  // refuses is as good as lost.
+  virtual int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) = 0;
 
   // Nothing is awaited for the port any more.
   virtual void Release(u16 localPort) = 0;

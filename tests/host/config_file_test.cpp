@@ -60,14 +60,16 @@ TEST(ConfigFile, DefaultsAndEdgesThatAreValid) {
           "[nat]\nsip_udp_port = 1\nsip_udp_public_ip = '203.0.113.7'\ngw_public_ip = '203.0.113.7'\n"
           "gw_interface = \"abcd#\\\"gh'k[m:\\u00e9\"\nsip_tcp_public_ip = '0.0.0.0'\nsip_tcp_public_port = 0\n"
           "exclusions = [{ip = '0.0.0.0', mask = '0.0.0.0'}, {ip = '10.1.2.3', mask = '255.255.255.255'}]\n"
-          "sip_udp_use_stun = true\n[stun]\nserver_host = '192.0.2.1'\nsetting3 = 4294967295\n")
+          "sip_udp_use_stun = true\n[stun]\nserver_host = ['stun.a', '192.0.2.1:3479']\n"
+          "sends_per_probe = 4294967295\nfirst_timeout_ms = 7\nprobe_period_s = 8\n")
           .nat;
   EXPECT_EQ(nat.gwInterface, "abcd#\"gh'k[m:\xC3\xA9");
   EXPECT_EQ(nat.sipUdpPublicPort, 1) << "the local one, as it is absent";
   EXPECT_EQ(nat.gwPublicPortStart, 65535);
   EXPECT_EQ(nat.gwPublicPortEnd, 65535);
   EXPECT_EQ(nat.natExclusions.back().ipText, "10.1.2.3") << "in the file's order";
-  EXPECT_EQ(nat.stunSetting3, 4294967295u);
+  EXPECT_EQ(nat.stunServerHost, "stun.a,192.0.2.1:3479");
+  EXPECT_THAT((std::vector<u32>{nat.stunSetting1, nat.stunSetting2, nat.stunSetting3}), ElementsAre(8, 7, 4294967295u));
 }
 
 TEST(ConfigFile, QueuesAreLimitedToUsersByNameOrNumber) {
@@ -103,6 +105,11 @@ TEST(ConfigFile, ARefusalNamesFileLineKeyAndReason) {
       {"[media]\nrtcp_enabled = 1\n", "f.toml:2: media.rtcp_enabled: must be true or false, is an integer"},
       {"[nat]\nsip_tcp_port = 65536\n", "f.toml:2: nat.sip_tcp_port: 65536 is not in 1..65535"},
       {"[stun]\nsetting1 = 4294967296\n", "f.toml:2: stun.setting1: 4294967296 is not in 0..4294967295"},
+      {"[stun]\nsetting1 = 5\nprobe_period_s = 5\n", "f.toml:2: stun.setting1: is the same as probe_period_s"},
+      {"[stun]\nserver_host = ['a', 3]\n",
+       "f.toml:2: stun.server_host: must be a string or an array of strings, has an"},
+      {"[stun]\nserver_host = ['a', 'b:0']\n", "f.toml:2: stun.server_host: \"b:0\" has no port"},
+      {"[stun]\nserver_host = ['a', ':1']\n", "f.toml:2: stun.server_host: \":1\" is not HOST or HOST:PORT"},
       {"[nat]\ngw_public_ip = '203.0.113.300'\n", "f.toml:2: nat.gw_public_ip: \"203.0.113.300\" is not a"},
       {"[media]\nrtp_port_start = 200\nrtp_port_end = 100\n", "f.toml:2: media.rtp_port_start: range upside"},
       {"[nat]\ngw_public_port_start = 9\ngw_public_port_end = 8\n",

@@ -42,8 +42,7 @@ class StunResponder {
   std::atomic<int> oddOffset = 0;  // the next answer's, beside
   std::atomic<bool> isSilent = false;
   std::atomic<bool> hasOtherId = false;
-  std::atomic<u8> refusal = 0;  // the hundreds of an error code
-  std::atomic<int> socket;      // that answers
+  std::atomic<int> socket;  // that answers
 
   explicit StunResponder(const char* address)
       : socket(BoundSocket(address, 3478)), m_socket(socket), m_thread([this] { Run(); }) {}
@@ -69,11 +68,10 @@ class StunResponder {
       const std::lock_guard lock(m_mutex);
       m_asked.push_back(ntohs(from.sin_port));
       const int port = m_asked.back() + offset + oddOffset.exchange(0);
-      std::vector<u8> answer{1, static_cast<u8>(refusal == 0 ? 0x01 : 0x11), 0, 20};
+      std::vector<u8> answer{1, 1, 0, 12};
       answer.insert(answer.end(), request + 4, request + 20);
       answer.insert(answer.end(),
                     {0, 1, 0, 8, 0, 1, static_cast<u8>(port >> 8), static_cast<u8>(port), 203, 0, 113, 2});
-      answer.insert(answer.end(), {0, 9, 0, 4, 0, 0, refusal, 0});
       answer[19] ^= hasOtherId;
       if (!isSilent) {
         ::sendto(socket, answer.data(), answer.size(), 0, to, size);
@@ -127,7 +125,7 @@ class StunManagerTest : public NamespaceTest {
     ASSERT_TRUE(manager->Start(true, true));
   }
   void Add(u16 first, u16 last, u8 owner, u8 interval = 1) {
-    manager->AddPorts(first, last, interval, owner, true, true);
+    manager->AddPorts(first, last, interval, owner, owner != 1, true);
   }
 
   u16 PublicPort(u16 port) {

@@ -57,6 +57,11 @@ TEST(StunMessage, AnswersAreReadAsTheRfcsSay) {
 
       {"error 500", kErrorType, errorCode500, "refused 500"},
       {"an error does not map", kErrorType, kXorMapped + errorCode500, "refused 500"},
+      {"a mapping on this network", kSuccessType, {0, 1, 0, 8, 0, 1, 0x13, 0xc4, 0, 1, 2, 3}, "unusable"},
+      {"on the loopback", kSuccessType, {0, 1, 0, 8, 0, 1, 0x13, 0xc4, 127, 255, 255, 254}, "unusable"},
+      {"to a group", kSuccessType, {0, 1, 0, 8, 0, 1, 0x13, 0xc4, 224, 0, 0, 1}, "unusable"},
+      {"to everybody", kSuccessType, {0, 1, 0, 8, 0, 1, 0x13, 0xc4, 255, 255, 255, 255}, "unusable"},
+      {"in a private network", kSuccessType, {0, 1, 0, 8, 0, 1, 0x13, 0xc4, 10, 0, 0, 1}, "10.0.0.1:5060"},
       {"a code out of range", kErrorType, {0, 9, 0, 4, 0, 0, 7, 100}, "refused 0"},
 
       {"a request", 0x0001, {}, "ignored"},

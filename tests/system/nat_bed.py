@@ -6,6 +6,7 @@ import os
 import pathlib
 import shutil
 import socket
+import struct
 import threading
 
 import bed
@@ -31,16 +32,17 @@ sip_udp_port     = 5060
 sip_udp_use_stun = {sip}
 gw_use_stun      = {gw}
 [stun]
-server_host = "{server}"
+server_host = {servers}
 server_port = 3478
-setting1 = {period}
-setting2 = 100
+probe_period_s = {period}
+first_timeout_ms = {rto}
 """
 
 
-def config(sip=True, gw=False, rtcp=True, rtp_end=10199, server=SERVER, period=1):
+def config(sip=True, gw=False, rtcp=True, rtp_end=10199, server=SERVER, period=1, rto=100):
     words = {True: "true", False: "false"}
-    return CONFIG.format(sip=words[sip], gw=words[gw], rtcp=words[rtcp], rtp_end=rtp_end, server=server, period=period)
+    return CONFIG.format(sip=words[sip], gw=words[gw], rtcp=words[rtcp], rtp_end=rtp_end, period=period,
+                         servers=json.dumps(server.split(",")), rto=rto)
 
 
 def udp_socket(namespace, address):
@@ -59,6 +61,39 @@ def udp_socket(namespace, address):
     made[0].settimeout(bed.DEADLINE)
     made[0].bind(address)
     return made[0]
+
+
+class ScriptedServer:
+    """A STUN server on inet that answers as the test says: with a port that is mapped, an error code, or not at all."""
+
+    def __init__(self, namespace, address, answer):
+        self.answer = answer  # of the port that a request came from: ("mapped", port), ("error", code) or None
+        self.asked = 0
+        self.socket = udp_socket(namespace, (address, 3478))
+        self.socket.settimeout(0.1)
+        self.is_ending = False
+        self.thread = threading.Thread(target=self._run)
+        self.thread.start()
+
+    def _run(self):
+        while not self.is_ending:
+            try:
+                request, peer = self.socket.recvfrom(2048)
+            except TimeoutError:
+                continue
+            self.asked += 1
+            answer = self.answer(peer[1])
+            if answer:
+                kind, value = answer
+                body = struct.pack("!HHBBH4s", 0x0001, 8, 0, 1, value, socket.inet_aton(PUBLIC)) if kind == "mapped" \
+                    else struct.pack("!HHHBB", 0x0009, 4, 0, value // 100, value % 100)
+                header = struct.pack("!HH", 0x0101 if kind == "mapped" else 0x0111, len(body))
+                self.socket.sendto(header + request[4:20] + body, peer)
+
+    def end(self):
+        self.is_ending = True
+        self.thread.join(bed.DEADLINE)
+        self.socket.close()
 
 
 class NatBedTest(bed.BedTest):
@@ -95,6 +130,9 @@ class NatBedTest(bed.BedTest):
         bed.wait_until(lambda: all(f"{address}:3478" in bed.run(*self.inet.command("ss", "-Huln")).stdout
                                    for address in addresses or (SERVER,)), "coturn's sockets")
         return server
+
+    def scripted(self, answer, address=SERVER):
+        return self.started(ScriptedServer(self.inet, address, answer))
 
     def hosts(self, text):
         """What dev's programs see as /etc/hosts."""

@@ -1,0 +1,148 @@
+#include "platform/stunutils/worker.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <array>
+
+#include "platform/stunutils/diagnostics.h"
+
+namespace stun {
+namespace {
+
+// How many datagrams are taken before what is due is sent: as many as can be awaited.
+constexpr std::size_t kMostArrivals = Schedule::kWindow;
+
+int PollTimeout(TimePoint deadline) {
+  if (deadline == TimePoint::max()) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<Millis>(deadline - std::min(deadline, Clock::now()));
+  return static_cast<int>(std::min<Millis::rep>(left.count(), 3'600'000));
+}
+
+}  // namespace
+
+Shared::Shared() : learner(KernelRandom), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void Shared::Wake() const {
+  const u64 one = 1;
+  // Fails only when the counter is at its end, and then the thread wakes all the same.
+  [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof(one));
+}
+
+Worker::Worker(Shared& shared, std::unique_ptr<Transport> transport)
+    : m_shared(shared), m_transport(std::move(transport)), m_lookUp([&shared] { shared.Wake(); }) {}
+
+void Worker::Run() {
+  do {
+    Wait();
+    Receive();
+  } while (TakeTurn() && Report());
+  Report();
+}
+
+void Worker::Wait() {
+  std::array<pollfd, 2> waiting{pollfd{m_shared.wake.Get(), POLLIN, 0}, pollfd{m_transport->PollFd(), POLLIN, 0}};
+  ::poll(waiting.data(), waiting.size(), PollTimeout(m_deadline));
+  if (waiting[0].revents != 0) {
+    u64 count = 0;
+    [[maybe_unused]] const ssize_t read = ::read(m_shared.wake.Get(), &count, sizeof(count));
+  }
+}
+
+void Worker::Receive() {
+  m_arrivals.clear();
+  Datagram datagram;
+  for (std::size_t i = 0; i < kMostArrivals && m_transport->Receive(datagram); ++i) {
+    if (const auto answer = ParseAnswer(datagram.payload)) {
+      m_arrivals.push_back({datagram.localPort, datagram.source, *answer});
+    }
+  }
+}
+
+// Decides under the lock, then sends. False when it is to stop.
+bool Worker::TakeTurn() {
+  const auto found = m_lookUp.Take();
+  const TimePoint now = Clock::now();
+  Learner::Turn turn;
+  std::vector<Endpoint> servers;
+  {
+    const ScopedLock lock(m_shared.lock);
+    if (m_shared.stop) {
+      return false;
+    }
+    Learner& learner = m_shared.learner;
+    if (found) {
+      learner.LookedUp(*found, now);
+    }
+    if (m_shared.scanWanted.exchange(false)) {
+      learner.Scan(now);
+    }
+    for (const Arrival& arrival : m_arrivals) {
+      learner.Heed(arrival, now);
+    }
+    turn = learner.Advance(now);
+    if (turn.areServersNew) {
+      servers = learner.Servers();
+    }
+  }
+  if (turn.areServersNew) {
+    m_transport->ListenTo(servers);
+  }
+  if (!turn.names.empty()) {
+    m_lookUp.Begin(std::move(turn.names));
+  }
+  Transmit(turn);
+  return true;
+}
+
+void Worker::Transmit(const Learner::Turn& turn) {
+  for (const u16 port : turn.ended) {
+    m_transport->Release(port);
+  }
+  for (const Order& order : turn.sends) {
+    if (const int error = m_transport->Send(order.port, order.server, BindingRequest(order.id))) {
+      m_unavailable.emplace_back(order.port, error);
+    }
+  }
+}
+
+// Tells the learner how the sends went, and others what it found. False when it is to stop.
+bool Worker::Report() {
+  const int error = m_transport->TakeError();
+  const TimePoint now = Clock::now();
+  std::list<std::pair<u16, u16>> changes;
+  std::vector<std::string> lines;
+  StunManager::ChangedPortsCallback callback = nullptr;
+  void* context = nullptr;
+  bool isStopping = false;
+  {
+    const ScopedLock lock(m_shared.lock);
+    Learner& learner = m_shared.learner;
+    for (const auto& [port, reason] : std::exchange(m_unavailable, {})) {
+      learner.Unavailable(port, reason, now);
+    }
+    if (error != 0) {
+      learner.SendFailed(error, now);
+    }
+    isStopping = m_shared.stop;
+    if (!isStopping) {
+      changes = learner.TakeChanges(now);
+    }
+    lines = learner.TakeLines(now);
+    m_deadline = learner.NextDeadline();
+    callback = m_shared.callback;
+    context = m_shared.context;
+  }
+  for (const std::string& line : lines) {
+    Notice(line);
+  }
+  if (callback != nullptr && !changes.empty()) {
+    callback(context, changes);
+  }
+  return !isStopping;
+}
+
+}  // namespace stun
