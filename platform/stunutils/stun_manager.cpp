@@ -192,12 +192,6 @@ NatMapping StunManager::GetNatMapping() {
   return m_impl->shared.learner.Nat();
 }
 
-void StunManager::CountPorts(u32& registered, u32& known) {
-  const ScopedLock lock(m_impl->shared.lock);
-  registered = static_cast<u32>(m_impl->shared.table.Size());
-  known = static_cast<u32>(m_impl->shared.table.KnownSize());
-}
-
 void StunManager::SendScanEvent() {
   if (!m_impl->shared.scanWanted.exchange(true)) {
     m_impl->shared.Wake();
