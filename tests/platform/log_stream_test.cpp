@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/platform/captured_journal.h"
 #include "tests/platform/own_namespace.h"
 
 namespace {
@@ -173,7 +174,7 @@ TEST_F(LogStreamTest, NothingButAFileOfOneNameIsWrittenAndEachReasonIsSaidOnce) 
   EXPECT_FALSE(fs::exists(m_directory + "/nothing"));
   fs::remove_all(m_file);
   WriteUntilItIsBack(log);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), expected + "the log file " + m_file + " is written again\n");
+  EXPECT_EQ(CapturedJournal(), expected + "the log file " + m_file + " is written again\n");
 }
 
 // A file system of 16 KiB of the test's own, in a mount namespace of a thread's own.

@@ -24,6 +24,7 @@
 #include "platform/messaging/cyclic_queue_poller.h"
 #include "platform/messaging/frame.h"
 #include "platform/messaging/nat_messenger.h"
+#include "tests/platform/captured_journal.h"
 
 namespace messaging_test {
 
@@ -210,7 +211,7 @@ class MessagingTest : public testing::Test {
   static std::string Journal(const std::function<void()>& action) {
     testing::internal::CaptureStderr();
     action();
-    return testing::internal::GetCapturedStderr();
+    return CapturedJournal();
   }
 
   char m_name[28] = "/tmp/natagent-test-XXXXXX";

@@ -136,37 +136,37 @@ TEST_F(PartyTest, QuietQueuesAreServedWhileAnotherIsFlooded) {
 TEST_F(PartyTest, AQueueIsForItsUsersOnlyAndTheHolderIsNamed) {
   using messaging::QueueUsers;
   const uid_t users[QueueUsers::kMax + 1] = {::geteuid() + 1};
-  EXPECT_EQ(QueueUsers::Limit(112, users, QueueUsers::kMax + 1), E2BIG);
+  EXPECT_EQ(QueueUsers::Limit(115, users, QueueUsers::kMax + 1), E2BIG);
   EXPECT_EQ(QueueUsers::Limit(111, users, 1), EINVAL);
-  m_loop->Open(112);
+  m_loop->Open(115);
   const std::string who = std::to_string(::getpid()) + ", user " + std::to_string(::geteuid()) + ", program ";
   const std::string user = "user " + std::to_string(::geteuid());
   natclient* none = nullptr;
   const auto opened = [&] {
     const std::jthread agent([this] { m_loop->Step(); });
-    return natclient_open(&none, nullptr, NATCLIENT_SIP, 10000);
+    return natclient_open(&none, nullptr, NATCLIENT_CC, 10000);
   };
   const auto limited = [&] {
-    EXPECT_EQ(QueueUsers::Limit(112, nullptr, 0), 0);
+    EXPECT_EQ(QueueUsers::Limit(115, nullptr, 0), 0);
     EXPECT_EQ(opened(), -EPERM);
-    EXPECT_EQ(QueueUsers::Limit(112, users, 1), 0);
-    Party stranger(NATCLIENT_SIP);
+    EXPECT_EQ(QueueUsers::Limit(115, users, 1), 0);
+    Party stranger(NATCLIENT_CC);
     EXPECT_EQ(stranger.Close(1), 0);
     m_loop->Settle();
     EXPECT_EQ(stranger.Told(), (Lines{"refused 0 9", "hang_up"}));
-    EXPECT_EQ(QueueUsers::Limit(112, nullptr, QueueUsers::kEveryone), 0);
+    EXPECT_EQ(QueueUsers::Limit(115, nullptr, QueueUsers::kEveryone), 0);
   };
-  const std::string refused = "queue 112 (sip) refused " + user + ", who is not among its users\n";
+  const std::string refused = "queue 115 (cc) refused " + user + ", who is not among its users\n";
   EXPECT_EQ(Journal(limited), refused + refused);
   const auto taken = [&] {
-    const Party party(NATCLIENT_SIP);
+    const Party party(NATCLIENT_CC);
     m_loop->Settle();
     EXPECT_EQ(opened(), -EBUSY);
   };
   const std::string connected = Journal(taken);
-  EXPECT_TRUE(connected.starts_with("the party of queue 112 (sip) connected: process " + who)) << connected;
+  EXPECT_TRUE(connected.starts_with("the party of queue 115 (cc) connected: process " + who)) << connected;
   const std::string hungUp = Journal([this] { m_loop->Settle(); });
-  EXPECT_TRUE(hungUp.starts_with("the party of queue 112 (sip) hung up: process " + who)) << hungUp;
+  EXPECT_TRUE(hungUp.starts_with("the party of queue 115 (cc) hung up: process " + who)) << hungUp;
 }
 
 TEST_F(PartyTest, AStormOfPeersFindsPlaceAndEveryOneItsRefusal) {

@@ -14,6 +14,7 @@
 
 #include "platform/stunutils/stun_logger.h"
 #include "platform/stunutils/stun_manager.h"
+#include "tests/platform/captured_journal.h"
 #include "tests/platform/own_namespace.h"
 
 using namespace std::chrono_literals;
@@ -111,7 +112,7 @@ class StunManagerTest : public NamespaceTest {
     if (m_home >= 0) {
       manager.reset();
       server.reset();
-      EXPECT_THAT(testing::internal::GetCapturedStderr(), said);
+      EXPECT_THAT(CapturedJournal(), said);
       StunLogger::Destroy();
       EXPECT_EQ(::setns(m_home, CLONE_NEWNET), 0);
       ::close(m_home);
