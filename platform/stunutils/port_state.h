@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/stunutils/steps.h"
 #include "platform/types.h"
 
 namespace stun {
@@ -75,13 +76,6 @@ inline constexpr PortStep kPortSteps[] = {
     {PortState::RESTING, PortEvent::RESTART, PortState::DUE, PortAction::FIRST},
 };
 
-constexpr PortStep After(PortState state, PortEvent event) {
-  for (const PortStep& step : kPortSteps) {
-    if (step.from == state && step.event == event) {
-      return step;
-    }
-  }
-  return {state, event, state, PortAction::NOTHING};
-}
+static_assert(IsUnambiguous(kPortSteps));
 
 }  // namespace stun

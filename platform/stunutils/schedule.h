@@ -2,15 +2,12 @@
 
 #include <map>
 #include <optional>
-#include <set>
-#include <tuple>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/stunutils/message.h"
 #include "platform/stunutils/pace.h"
-#include "platform/stunutils/port_state.h"
+#include "platform/stunutils/port_queue.h"
 #include "platform/stunutils/random.h"
 #include "platform/stunutils/server_state.h"
 #include "platform/stunutils/timing.h"
@@ -39,10 +36,10 @@ class Schedule {
   // ports behind it would wait for their retransmission.
   static constexpr Millis kFresh{100};
 
-  explicit Schedule(Random random) : m_random(std::move(random)) {}
+  explicit Schedule(const Random& random) : m_random(random), m_ports(random) {}
 
   void SetTiming(const Timing& timing, TimePoint now);
-  void Add(u16 number, bool isUrgent);
+  void Add(u16 number, bool isUrgent) { m_ports.Add(number, isUrgent); }
   void Remove(u16 number);
   void Clear();
   // All ports are due, and the server is to be heard again.
@@ -72,24 +69,15 @@ class Schedule {
   void Unavailable(u16 number, TimePoint now) { Apply(number, PortEvent::UNANSWERED, now); }
 
   // Takes a resting port out of the schedule until it is returned; false for any other port.
-  bool Lend(u16 number, TimePoint now);
+  bool Lend(u16 number, TimePoint now) { return m_ports.Apply(number, PortEvent::LEND, now) == PortAction::HAND_OUT; }
   void Return(u16 number, TimePoint now) { Apply(number, PortEvent::RETURNED, now); }
 
   bool IsServerHeard() const { return m_server == ServerState::HEARD; }
   // Nothing is awaited and nothing due.
-  bool IsIdle() const { return m_flights.empty() && m_due.empty(); }
+  bool IsIdle() const { return m_flights.empty() && !m_ports.HasDue(); }
   std::size_t InFlight() const { return m_flights.size(); }
 
  private:
-  struct Port {
-    bool isUrgent = false;
-    bool isKnown = false;
-    u8 passes = 0;    // times it was a canary for nothing since the server was last heard
-    u8 refusals = 0;  // in a row
-    PortState state = PortState::DUE;
-    TimePoint turn{};   // when its turn is or was; the epoch: first
-    TimePoint asked{};  // when it last began to ask
-  };
   struct Flight {
     TransactionId id{};
     u32 sends = 0;
@@ -98,20 +86,12 @@ class Schedule {
     TimePoint next{};  // max: not sent again while the server is not heard
     bool isNudged = false;
   };
-  using DueKey = std::tuple<u8, bool, TimePoint, u16>;  // the longest due first
-
-  static DueKey Key(u16 number, const Port& port) { return {port.passes, !port.isUrgent, port.turn, number}; }
-  void Link(u16 number, const Port& port);
-  void Unlink(u16 number, const Port& port);
   void Apply(u16 number, PortEvent event, TimePoint now);
-  void Act(u16 number, Port& port, PortAction action, TimePoint now);
-  void RestBriefly(u16 number, Port& port, TimePoint now);
-  TimePoint MayAskAgain(const Port& port) const;
-  TimePoint Place(u16 number, TimePoint now) const { return NextPlace(number, now, m_timing.period, m_random); }
+  void EndFlight(u16 number);
+  void EndFlights(PortEvent event, TimePoint now);
 
   void Apply(ServerEvent event, TimePoint now);
   void Open(PortEvent toCanaries, TimePoint now);
-  void EndFlights(PortEvent event, TimePoint now);
   void PauseCanary(Millis pause, TimePoint now);
   void WakeKnownPort(TimePoint now);
 
@@ -131,9 +111,7 @@ class Schedule {
 
   const Random m_random;
   Timing m_timing;
-  std::unordered_map<u16, Port> m_ports;
-  std::set<DueKey> m_due;
-  std::set<std::pair<TimePoint, u16>> m_resting;
+  PortQueue m_ports;
   std::map<u16, Flight> m_flights;
   std::vector<u16> m_ended;
 

@@ -24,7 +24,7 @@ void Schedule::Mapped(u16 number, bool isDoubtful, TimePoint now) {
   m_lastAnswer = now;
   m_refusals = 0;
   m_pace.Answered(now);
-  m_ports.at(number).isKnown = true;
+  m_ports.SetKnown(number);
   Apply(number, isDoubtful ? PortEvent::DOUBTFUL : PortEvent::MAPPED, now);
   Apply(ServerEvent::MAPPED, now);
 }
@@ -41,7 +41,7 @@ void Schedule::Refused(u16 number, TimePoint now) {
 }
 
 void Schedule::Apply(ServerEvent event, TimePoint now) {
-  const ServerStep step = After(m_server, event);
+  const ServerStep step = After(kServerSteps, m_server, event);
   m_server = step.to;
   switch (step.action) {
     case ServerAction::NOTHING:
@@ -88,14 +88,8 @@ void Schedule::Open(PortEvent toCanaries, TimePoint now) {
       flight.next = std::max(now, flight.last + m_timing.rto);
     }
   }
-  while (!m_due.empty() && std::get<u8>(*m_due.rbegin()) > 0) {
-    Apply(std::get<u16>(*m_due.rbegin()), toCanaries, now);
-  }
-}
-
-void Schedule::EndFlights(PortEvent event, TimePoint now) {
-  while (!m_flights.empty()) {
-    Apply(m_flights.begin()->first, event, now);
+  while (const auto canary = m_ports.LastPassed()) {
+    Apply(*canary, toCanaries, now);
   }
 }
 
@@ -109,13 +103,9 @@ void Schedule::PauseCanary(Millis pause, TimePoint now) {
 // A port that was answered before tells the server's silence from the doubted port's own.
 void Schedule::WakeKnownPort(TimePoint now) {
   m_pauseEnd = TimePoint{};
-  if (!m_due.empty() && std::get<u8>(*m_due.begin()) == 0) {
-    return;
-  }
-  const auto known = std::find_if(m_resting.begin(), m_resting.end(),
-                                  [this](const auto& entry) { return m_ports.at(entry.second).isKnown; });
-  if (known != m_resting.end()) {
-    Apply(known->second, PortEvent::TURN, now);
+  const auto known = m_ports.IsFirstFresh() ? std::nullopt : m_ports.FirstKnownResting();
+  if (known) {
+    Apply(*known, PortEvent::TURN, now);
   }
 }
 

@@ -46,7 +46,7 @@ TimePoint Schedule::NextDeadline() const {
   for (const auto& [number, flight] : m_flights) {
     next = std::min({next, ExpiryTime(flight), NudgeTime(flight)});
   }
-  return m_resting.empty() ? next : std::min(next, m_resting.begin()->first);
+  return std::min(next, m_ports.NextTurn());
 }
 
 void Schedule::Scan(TimePoint now) { m_scanDue = std::min(m_scanDue, std::max(now, m_lastScan + kScanQuiet)); }
@@ -57,15 +57,16 @@ void Schedule::RunScan(TimePoint now) {
   }
   m_scanDue = TimePoint::max();
   m_lastScan = now;
-  for (const auto& [number, port] : m_ports) {
+  for (const auto& [number, flight] : m_flights) {
     Apply(number, PortEvent::SCAN, now);
   }
+  m_ports.ApplyToAll(PortEvent::SCAN, now);
   m_pauseEnd = std::min(m_pauseEnd, m_pauseBegan + kShortPause);
 }
 
 void Schedule::EndRests(TimePoint now) {
-  while (!m_resting.empty() && m_resting.begin()->first <= now) {
-    Apply(m_resting.begin()->second, PortEvent::TURN, now);
+  while (m_ports.NextTurn() <= now) {
+    Apply(m_ports.FirstResting(), PortEvent::TURN, now);
   }
 }
 
@@ -132,19 +133,19 @@ void Schedule::Spend(TimePoint now) {
 
 void Schedule::SendCanary(TimePoint now, Turn& turn) {
   m_nextLaunch = TimePoint::max();
-  if (!m_canary && m_due.empty() && !m_flights.empty()) {  // the canary has gone, its companions have not
+  if (!m_canary && !m_ports.HasDue() && !m_flights.empty()) {  // the canary has gone, its companions have not
     auto& [number, flight] = *m_flights.begin();
     m_canary = number;
     flight.next = flight.last + m_timing.rto;
   }
-  if (m_canary || m_due.empty()) {
+  if (m_canary || !m_ports.HasDue()) {
     return;
   }
   if (now < m_pauseEnd) {
     m_nextLaunch = m_pauseEnd;
     return;
   }
-  m_canary = std::get<u16>(*m_due.begin());
+  m_canary = m_ports.FirstDue();
   Launch(*m_canary, now, turn);
 }
 
@@ -154,17 +155,11 @@ void Schedule::SendCompanion(TimePoint now, Turn& turn) {
   if (IsServerHeard() || !m_canary) {
     return;
   }
-  const bool isUrgent = m_ports.at(*m_canary).isUrgent;
-  if (m_due.empty()) {
+  if (!m_ports.HasDue()) {
     WakeKnownPort(now);
   }
-  auto next = std::find_if(m_due.begin(), m_due.end(),
-                           [isUrgent](const DueKey& key) { return std::get<bool>(key) == isUrgent; });
-  if (next == m_due.end()) {
-    next = m_due.begin();
-  }
-  if (next != m_due.end()) {
-    const u16 number = std::get<u16>(*next);
+  if (m_ports.HasDue()) {
+    const u16 number = m_ports.FirstDue(!m_ports.IsUrgent(*m_canary));
     Launch(number, now, turn);
     m_flights.at(number).next = TimePoint::max();
   }
@@ -180,12 +175,12 @@ void Schedule::FillWindow(TimePoint now, Turn& turn) {
       room = std::min(room, flight.last + kFresh);
     }
   }
-  for (; !m_due.empty() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
+  for (; m_ports.HasDue() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
     if (fresh >= kWindow || m_pace.NextSend() > now) {
       m_nextLaunch = fresh >= kWindow ? room : m_pace.NextSend();
       return;
     }
-    Launch(std::get<u16>(*m_due.begin()), now, turn);
+    Launch(m_ports.FirstDue(), now, turn);
     room = std::min(room, now + kFresh);
   }
 }

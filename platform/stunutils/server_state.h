@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/stunutils/steps.h"
 #include "platform/types.h"
 
 namespace stun {
@@ -72,13 +73,6 @@ inline constexpr ServerStep kServerSteps[] = {
     {ServerState::REFUSING, ServerEvent::SWITCHED, ServerState::UNHEARD, ServerAction::BEGIN},
 };
 
-constexpr ServerStep After(ServerState state, ServerEvent event) {
-  for (const ServerStep& step : kServerSteps) {
-    if (step.from == state && step.event == event) {
-      return step;
-    }
-  }
-  return {state, event, state, ServerAction::NOTHING};
-}
+static_assert(IsUnambiguous(kServerSteps));
 
 }  // namespace stun
