@@ -74,9 +74,10 @@ Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile
     : m_signals(signals),
       m_dirs(std::move(dirs)),
       m_configFile(std::move(configFile)),
-      m_config(std::move(config)),
+      m_startText(std::move(config.text)),
+      m_startOrigin(std::move(config.origin)),
       m_lastGood(lastGood),
-      m_source(std::move(m_config.settings)) {}
+      m_source(std::move(config.settings)) {}
 
 int Daemon::Run() {
   std::string fault = PrepareDirs(m_dirs);
@@ -109,7 +110,8 @@ int Daemon::Run() {
 
 Daemon::Start Daemon::WaitForQueues() {
   const auto deadline = Clock::now() + kQueuesDeadline;
-  while (!QueuesOpen(m_dirs.runtime)) {
+  // The queues are there a moment before the agent's main loop can be reached.
+  while (!QueuesOpen(m_dirs.runtime) || !AgentWatch::Runs(m_library)) {
     const int number = ::sigtimedwait(&m_signals, nullptr, &kQueuesPoll);
     if (number == SIGTERM || number == SIGINT) return Start::STOPPED;
     if (number == SIGHUP) m_reloadAsked = true;
@@ -127,8 +129,8 @@ Daemon::Start Daemon::WaitForQueues() {
 }
 
 int Daemon::Serve() {
-  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_config.origin);
-  m_lastGood.Keep(m_config.text);
+  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_startOrigin);
+  m_lastGood.Keep(m_startText);
   m_lastGood.MarkRunning();
   if (m_reloadAsked) {
     Reload();
