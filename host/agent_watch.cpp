@@ -59,6 +59,12 @@ AgentWatch::AgentWatch(const AgentLibrary& library)
       m_nextAlive(m_nextLook),
       m_nextStatus(m_nextLook) {}
 
+bool AgentWatch::Runs(const AgentLibrary& library) {
+  NatHostHealth health{};
+  health.size = sizeof health;
+  return library.readHealth(&health) != 0;
+}
+
 AgentWatch::Clock::duration AgentWatch::UntilNext() const {
   return std::max(m_nextLook - Clock::now(), Clock::duration::zero());
 }

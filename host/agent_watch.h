@@ -15,6 +15,9 @@ class AgentWatch {
   // The library is loaded and outlives the watch.
   explicit AgentWatch(const AgentLibrary& library);
 
+  // Whether the loaded library's agent runs.
+  static bool Runs(const AgentLibrary& library);
+
   // How long until Look has something to do.
   Clock::duration UntilNext() const;
 

@@ -73,9 +73,10 @@ Daemon::Daemon(const sigset_t& signals, RuntimeDirs dirs, std::string configFile
     : m_signals(signals),
       m_dirs(std::move(dirs)),
       m_configFile(std::move(configFile)),
-      m_config(std::move(config)),
+      m_startText(std::move(config.text)),
+      m_startOrigin(std::move(config.origin)),
       m_lastGood(lastGood),
-      m_source(std::move(m_config.settings)) {}
+      m_source(std::move(config.settings)) {}
 
 int Daemon::Run() {
   if (const std::string fault = Prepare(); !fault.empty()) {
@@ -126,7 +127,8 @@ Daemon::Start Daemon::WaitForQueues() {
   for (;;) {
     char why[kMaxFault];
     const int state = m_library.checkQueues(why, sizeof why);
-    if (state == NAT_HOST_QUEUES_OPEN) {
+    // The queues are there a moment before the agent's main loop can be reached.
+    if (state == NAT_HOST_QUEUES_OPEN && AgentWatch::Runs(m_library)) {
       return Start::READY;
     }
     if (state == NAT_HOST_QUEUES_LOST) {
@@ -148,8 +150,8 @@ Daemon::Start Daemon::WaitForQueues() {
 }
 
 int Daemon::Serve() {
-  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_config.origin);
-  m_lastGood.Keep(m_config.text);
+  JournalNotice("natagentd: ready, queues in " + m_dirs.runtime + ", log in " + m_dirs.log + ", " + m_startOrigin);
+  m_lastGood.Keep(m_startText);
   m_lastGood.MarkRunning();
   if (m_reloadAsked) {
     Reload();

@@ -53,7 +53,8 @@ class Daemon {
   const sigset_t m_signals;
   const RuntimeDirs m_dirs;
   std::string m_configFile;
-  LoadedConfig m_config;  // its settings are moved into the source
+  const std::string m_startText;  // of the configuration at start, and its origin
+  const std::string m_startOrigin;
   LastGoodConfig& m_lastGood;
   HostConfigSource m_source;
   std::optional<messaging::RuntimeDirLease> m_lease;  // the library, which shares it, goes first

@@ -91,13 +91,15 @@ void LastGoodConfig::Keep(std::string_view text) {
 }
 
 std::string LastGoodConfig::Write(std::string_view text) {
-  ::unlinkat(m_dir.Get(), kNew, 0);
+  ::unlinkat(m_dir.Get(), kNew, 0);  // of a run that was killed here
   const UniqueFd file(::openat(m_dir.Get(), kNew, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!file || !WriteAll(file.Get(), text) || ::fsync(file.Get()) != 0 ||
-      ::renameat(m_dir.Get(), kNew, m_dir.Get(), kKept) != 0 || ::fsync(m_dir.Get()) != 0) {
-    return std::strerror(errno);
+  if (file && WriteAll(file.Get(), text) && ::fsync(file.Get()) == 0 &&
+      ::renameat(m_dir.Get(), kNew, m_dir.Get(), kKept) == 0 && ::fsync(m_dir.Get()) == 0) {
+    return {};
   }
-  return {};
+  std::string fault = std::strerror(errno);
+  ::unlinkat(m_dir.Get(), kNew, 0);
+  return fault;
 }
 
 void LastGoodConfig::Mark(std::string_view state) {

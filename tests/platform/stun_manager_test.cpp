@@ -35,13 +35,21 @@ TEST_F(StunManagerTest, RegistrationsAreCounted) {
   Start();
   Add(10000, 10001, 3);
   Add(10000, 10003, 3);
-  ASSERT_TRUE(Learns({10000, 10002}));
+  ASSERT_TRUE(Learns({10000, 10001, 10002, 10003}));
+  const auto counts = [this] {
+    std::pair<u32, u32> watchedAndKnown;
+    manager->CountPorts(watchedAndKnown.first, watchedAndKnown.second);
+    return watchedAndKnown;
+  };
+  EXPECT_THAT(counts(), Pair(4, 4));
   manager->RemovePorts(9990, 10003, 1);
+  EXPECT_THAT(counts(), Pair(2, 2));
   EXPECT_EQ(PublicPort(10000), 11000) << "registered once more";
   manager->RemovePorts(10000, 10000, 1);
   EXPECT_EQ(PublicPort(10000), 0);
   manager->RemoveAllPorts();
   EXPECT_EQ(PublicPort(10001), 0);
+  EXPECT_THAT(counts(), Pair(0, 0));
 }
 
 TEST_F(StunManagerTest, ChangeIsReportedOnceConfirmedForEachRegistration) {
