@@ -23,8 +23,10 @@ class ConfigSection {
   void Number(std::string_view key, u32& value);        // 0..4294967295
   void Address(std::string_view key, u32& value);       // dotted quad, to network byte order
   void Text(std::string_view key, std::string& value);  // one word: no blanks, no control characters
-  void Texts(std::string_view key, std::vector<std::string>& values);  // one such word, or an array of them
   const toml::array* Array(std::string_view key);       // null when absent or something else
+
+  // One word, or an array of words.
+  void Texts(std::string_view key, std::vector<std::string>& values);
 
   // A dotted quad, and one that is a mask of leading ones; both stay texts and must be there.
   void AddressText(std::string_view key, std::string& value);
