@@ -18,13 +18,15 @@ class ConfigSection {
       : m_table(table), m_name(std::move(name)), m_errors(errors) {}
 
   void Flag(std::string_view key, u8& value);
-  void Port(std::string_view key, u16& value);                         // 1..65535
-  void PortOrNone(std::string_view key, u16& value);                   // 0..65535
-  void Number(std::string_view key, u32& value);                       // 0..4294967295
-  void Address(std::string_view key, u32& value);                      // dotted quad, to network byte order
-  void Text(std::string_view key, std::string& value);                 // one word: no blanks, no control characters
-  void Texts(std::string_view key, std::vector<std::string>& values);  // one such word, or an array of them
-  const toml::array* Array(std::string_view key);                      // null when absent or something else
+  void Port(std::string_view key, u16& value);          // 1..65535
+  void PortOrNone(std::string_view key, u16& value);    // 0..65535
+  void Number(std::string_view key, u32& value);        // 0..4294967295
+  void Address(std::string_view key, u32& value);       // dotted quad, to network byte order
+  void Text(std::string_view key, std::string& value);  // one word: no blanks, no control characters
+  const toml::array* Array(std::string_view key);       // null when absent or something else
+
+  // One word, or an array of words.
+  void Texts(std::string_view key, std::vector<std::string>& values);
 
   // A dotted quad, and one that is a mask of leading ones; both stay texts and must be there.
   void AddressText(std::string_view key, std::string& value);

@@ -38,10 +38,11 @@ struct NatConfig {
   u16 gwPublicPortStart = 0;
   u16 gwPublicPortEnd = 0;
   std::list<NatExcRuleText> natExclusions;
-  u32 stunSetting1 = 0;        // probe period in seconds; 0: the STUN library's own
-  u32 stunSetting2 = 0;        // initial retransmission time-out in milliseconds; 0: the library's own
-  u32 stunSetting3 = 0;        // sends per probe; 0: the library's own
-  std::string stunServerHost;  // may be a list, "HOST[:PORT],HOST[:PORT]"
+  u32 stunSetting1 = 0;  // probe period in seconds; 0: the STUN library's own
+  u32 stunSetting2 = 0;  // initial retransmission time-out in milliseconds; 0: the library's own
+  u32 stunSetting3 = 0;  // sends per probe; 0: the library's own
+  // May be a list, "HOST[:PORT],HOST[:PORT]".
+  std::string stunServerHost;
   u16 stunServerPort = 0;
 
   bool operator==(const NatConfig&) const = default;

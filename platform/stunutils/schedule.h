@@ -75,7 +75,6 @@ class Schedule {
   bool IsServerHeard() const { return m_server == ServerState::HEARD; }
   // Nothing is awaited and nothing due.
   bool IsIdle() const { return m_flights.empty() && !m_ports.HasDue(); }
-  std::size_t InFlight() const { return m_flights.size(); }
 
  private:
   struct Flight {
@@ -86,6 +85,7 @@ class Schedule {
     TimePoint next{};  // max: not sent again while the server is not heard
     bool isNudged = false;
   };
+
   void Apply(u16 number, PortEvent event, TimePoint now);
   void EndFlight(u16 number);
   void EndFlights(PortEvent event, TimePoint now);
