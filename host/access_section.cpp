@@ -42,8 +42,8 @@ std::string FindUser(const std::string& name, uid_t& uid) {
     buffer.resize(buffer.size() * 2);
   }
   if (found == nullptr) {
-    const std::string what = "\"" + name + "\" is not a user of this system";
-    return error == 0 ? what : what + ": " + std::strerror(error);
+    return error == 0 ? "\"" + name + "\" is not a user of this system"
+                      : "\"" + name + "\" cannot be looked up: " + std::strerror(error);
   }
   uid = found->pw_uid;
   return {};

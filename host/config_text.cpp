@@ -87,7 +87,7 @@ std::string_view LineCheck::CheckSign(char c) {
     case '.':
       return ++m_dots > kMaxDepth ? "the key has too many parts" : "";
     case ':':
-      return "dates and times are not supported";
+      return "':' has no place here: '=' joins a key and its value, and dates and times are not supported";
     default:
       return {};
   }

@@ -1,8 +1,10 @@
 #include "host/daemon.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 
 #include "host/agent_watch.h"
 #include "host/service_notify.h"
@@ -22,10 +24,13 @@ timespec TimespecOf(AgentWatch::Clock::duration duration) {
   return {seconds.count(), std::chrono::nanoseconds(duration - seconds).count()};
 }
 
-// The default file counts from the moment it exists; once read, it has to stay.
+// The default file counts from the moment it exists; once read, it has to stay. One that is there and cannot be read,
+// or whose link leads nowhere, is an error.
 void ChooseFile(std::string& file) {
-  std::error_code error;
-  if (file.empty() && std::filesystem::exists(kDefaultConfig, error)) file = kDefaultConfig;
+  struct stat found {};
+  if (file.empty() && (::lstat(kDefaultConfig, &found) == 0 || (errno != ENOENT && errno != ENOTDIR))) {
+    file = kDefaultConfig;
+  }
 }
 
 }  // namespace
@@ -44,6 +49,9 @@ std::optional<LoadedConfig> LoadConfig(std::string& file) {
 }
 
 std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood) {
+  if (file.empty() && lastGood.IsAfterCrash() && !lastGood.Kept().text.empty()) {
+    file = kDefaultConfig;  // the run before had one: should it be gone, its limits must not go silently
+  }
   std::optional<LoadedConfig> config = LoadConfig(file);
   if (config || !lastGood.IsAfterCrash()) {
     return config;

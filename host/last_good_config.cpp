@@ -53,6 +53,7 @@ LastGoodConfig::LastGoodConfig(std::string stateDir) : m_dirName(Resolve(std::mo
     return;
   }
   m_kept = ReadConfig(File());
+  m_isKept = m_kept.settings.has_value();
 }
 
 std::string LastGoodConfig::File() const { return m_dirName + "/" + kKept; }
@@ -78,7 +79,7 @@ std::string LastGoodConfig::Open() {
 }
 
 void LastGoodConfig::Keep(std::string_view text) {
-  if (!m_dir || (m_kept.settings && m_kept.text == text)) {
+  if (!m_dir || (m_isKept && m_kept.text == text)) {
     return;
   }
   const std::string fault = Write(text);
@@ -86,8 +87,8 @@ void LastGoodConfig::Keep(std::string_view text) {
     JournalError("natagentd: the configuration is not kept in " + File() + ": " + fault);
     return;
   }
-  m_kept = ParseConfig(text, File());
   m_kept.text = text;
+  m_isKept = true;
 }
 
 std::string LastGoodConfig::Write(std::string_view text) {

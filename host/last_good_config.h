@@ -16,7 +16,7 @@ class LastGoodConfig {
 
   // Whether the run before this one crashed, was killed or lost its power: it began and was not marked as stopped.
   bool IsAfterCrash() const { return m_isAfterCrash; }
-  // What is kept, or why there is nothing to use.
+  // What was kept at the start, or why there is nothing to use.
   const ConfigResult& Kept() const { return m_kept; }
 
   // Replaces what is kept, on disk when this returns; a failure is reported and leaves the one before.
@@ -35,5 +35,6 @@ class LastGoodConfig {
   UniqueFd m_dir;
   UniqueFd m_state;  // the file that says whether the daemon runs; locked, so that only one daemon uses the directory
   bool m_isAfterCrash = false;
-  ConfigResult m_kept;
+  ConfigResult m_kept;    // its settings and errors are those of the start
+  bool m_isKept = false;  // m_kept.text is on disk
 };

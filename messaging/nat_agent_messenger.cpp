@@ -80,11 +80,19 @@ void NatAgentMessenger::Turn(int queue) {
   }
 }
 
+void NatAgentMessenger::CheckWhatIsFlagged() {
+  try {
+    _NatAgent.CheckIsResolvedHostName();
+    _NatAgent.CheckIpChanges();
+  } catch (...) {
+    ReportFault("a turn of the main loop was not finished");  // it is no reason to look dead
+  }
+}
+
 void NatAgentMessenger::Dispatch(int queue) {
   switch (queue) {
     case -1:
-      _NatAgent.CheckIsResolvedHostName();
-      _NatAgent.CheckIpChanges();
+      CheckWhatIsFlagged();
       _NatAgent.AnswerHealth();
       break;
     case kCgiQueue:

@@ -37,6 +37,7 @@ class NatAgentMessenger {
   // One turn after the wait. What is thrown in it ends the turn, not the loop.
   void Turn(int queue);
   void Dispatch(int queue) NAT_REQUIRES(g_settingsLock);
+  void CheckWhatIsFlagged() NAT_REQUIRES(g_settingsLock);
 
   NatCAMessenger m_channel112;
   NatCAMessenger m_channel113;

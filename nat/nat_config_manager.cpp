@@ -1,8 +1,17 @@
 #include "nat/nat_config_manager.h"
 
+#include "agent/faults.h"
 #include "agent/nat_agent.h"
 #include "nat/config_loaders.h"
 #include "nat/nat_names.h"
+
+namespace {
+
+// What a reload runs, in this order and each whatever the one before gave or threw. Under the settings lock.
+constexpr bool (*kLoaders[])() = {LoadNatExcTable, LoadSipUdpSettings, LoadSipTcpSettings,
+                                  [] NAT_REQUIRES(g_settingsLock) { return LoadGwSettings(GW_UPDATE); }};
+
+}  // namespace
 
 bool NatConfigManager::LoadNatSettings(CA_PROTO proto) {
   switch (proto) {
@@ -33,10 +42,11 @@ bool NatConfigManager::UnloadNatSettings(CA_PROTO proto) {
 }
 
 bool NatConfigManager::ReloadNatSettings() {
-  LoadNatExcTable();
-  LoadSipUdpSettings();
-  LoadSipTcpSettings();
-  return LoadGwSettings(GW_UPDATE);
+  bool loaded = false;
+  for (bool (*const load)() : kLoaders) {
+    loaded = Contain("changed settings are not loaded", [&] { loaded = load(); }) && loaded;
+  }
+  return loaded;
 }
 
 bool NatConfigManager::OnCgiUpdate(const std::list<std::string>&) { return true; }

@@ -8,21 +8,21 @@
 namespace stun {
 
 void NameLookUp::Begin(std::vector<std::string> names) {
-  Addresses none;
-  for (const std::string& name : names) {
-    none.emplace(name, std::vector<u32>{});
-  }
   try {
     m_thread = std::jthread([this, names = std::move(names)](const std::stop_token& stop) {
       BlockSignals();
       Addresses found;
-      for (const std::string& name : names) {
-        found.emplace(name, sockets::LookUpHostAddresses(name.c_str(), stop));
+      try {
+        for (const std::string& name : names) {
+          found.emplace(name, sockets::LookUpHostAddresses(name.c_str(), stop));
+        }
+      } catch (...) {
+        found.clear();
       }
       Finish(std::move(found));
     });
-  } catch (const std::system_error&) {  // no thread to be had: as good as no answer, and asked again like one
-    Finish(std::move(none));
+  } catch (...) {
+    Finish({});
   }
 }
 

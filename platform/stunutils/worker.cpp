@@ -36,11 +36,27 @@ Worker::Worker(Shared& shared, std::unique_ptr<Transport> transport)
     : m_shared(shared), m_transport(std::move(transport)), m_lookUp([&shared] { shared.Wake(); }) {}
 
 void Worker::Run() {
-  do {
-    Wait();
-    Receive();
-  } while (TakeTurn() && Report());
-  Report();
+  bool goesOn = true;
+  while (goesOn) {
+    try {
+      Wait();
+      Receive();
+      const bool isStopping = !TakeTurn();
+      goesOn = Report() && !isStopping;
+    } catch (...) {
+      Notice("out of memory: a turn is given up");
+      goesOn = Rest();
+    }
+  }
+}
+
+// For a second, so that a turn that fails does not fail over and over; a stop ends it. False then.
+bool Worker::Rest() {
+  constexpr int kRestMs = 1000;
+  pollfd wake{m_shared.wake.Get(), POLLIN, 0};
+  ::poll(&wake, 1, kRestMs);
+  const ScopedLock lock(m_shared.lock);
+  return !m_shared.stop;
 }
 
 void Worker::Wait() {

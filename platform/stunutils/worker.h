@@ -37,13 +37,14 @@ class Worker {
  public:
   Worker(Shared& shared, std::unique_ptr<Transport> transport);
 
-  // Works until `stop` is set.
+  // Works until `stop` is set. Throws nothing: a turn that finds no memory is reported and given up.
   void Run();
 
  private:
   void Wait();
   void Receive();
   bool TakeTurn();
+  bool Rest();
   void Transmit(const Learner::Turn& turn);
   bool Report();
 

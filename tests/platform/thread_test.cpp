@@ -46,6 +46,7 @@ TEST(ThreadTest, AThreadThatOutlivesTheWaitGoesOnAlone) {
   }
   gates.go.count_down();
   gates.done.wait();
+  Thread::WaitForAbandoned(kLongMs);
 }
 
 }  // namespace

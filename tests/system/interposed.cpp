@@ -38,9 +38,38 @@ bool RunsOut() {
   return fails;
 }
 
+// The function behind an interposed one. All are looked up before the tests begin: dlsym waits for the loader's lock,
+// which an unloading library holds while it waits for its threads.
 template <class Function>
-Function* Next(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+class Next {
+ public:
+  explicit constexpr Next(const char* name) : m_name(name) {}
+  Function* operator*() {
+    if (m_function == nullptr) {
+      m_function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, m_name));
+    }
+    return m_function;
+  }
+
+ private:
+  const char* m_name;
+  Function* m_function = nullptr;
+};
+
+constinit Next<int(int, int, int)> s_socket("socket");
+constinit Next<int(int, sockaddr*, socklen_t*, int)> s_accept4("accept4");
+constinit Next<int(unsigned, int)> s_eventfd("eventfd");
+constinit Next<int(int)> s_epollCreate1("epoll_create1");
+constinit Next<int(const char*, int, ...)> s_open("open");
+constinit Next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> s_pthreadCreate("pthread_create");
+
+[[gnu::constructor]] void FindAll() {
+  static_cast<void>(*s_socket);
+  static_cast<void>(*s_accept4);
+  static_cast<void>(*s_eventfd);
+  static_cast<void>(*s_epollCreate1);
+  static_cast<void>(*s_open);
+  static_cast<void>(*s_pthreadCreate);
 }
 
 void* Allocate(std::size_t size) {
@@ -121,37 +150,32 @@ void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); 
 
 extern "C" {
 
-int socket(int domain, int type, int protocol) noexcept {
-  return RunsOut() ? -1 : Next<int(int, int, int)>("socket")(domain, type, protocol);
-}
+int socket(int domain, int type, int protocol) noexcept { return RunsOut() ? -1 : (*s_socket)(domain, type, protocol); }
 
 int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
-  return RunsOut() ? -1 : Next<int(int, sockaddr*, socklen_t*, int)>("accept4")(listener, address, length, flags);
+  return RunsOut() ? -1 : (*s_accept4)(listener, address, length, flags);
 }
 
-int eventfd(unsigned count, int flags) noexcept {
-  return RunsOut() ? -1 : Next<int(unsigned, int)>("eventfd")(count, flags);
-}
+int eventfd(unsigned count, int flags) noexcept { return RunsOut() ? -1 : (*s_eventfd)(count, flags); }
 
-int epoll_create1(int flags) noexcept { return RunsOut() ? -1 : Next<int(int)>("epoll_create1")(flags); }
+int epoll_create1(int flags) noexcept { return RunsOut() ? -1 : (*s_epollCreate1)(flags); }
 
 int open(const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = va_arg(arguments, mode_t);  // not read where there is none
   va_end(arguments);
-  return RunsOut() ? -1 : Next<int(const char*, int, ...)>("open")(path, flags, mode);
+  return RunsOut() ? -1 : (*s_open)(path, flags, mode);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                    void* argument) noexcept {
-  const auto next = Next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)>("pthread_create");
   const std::lock_guard lock(s_gate.mutex);
   if (s_spared || s_gate.toHold == 0) {
-    return next(thread, attributes, function, argument);
+    return (*s_pthreadCreate)(thread, attributes, function, argument);
   }
   --s_gate.toHold;
-  return next(thread, attributes, BeginHeld, new Held{function, argument, s_gate.released});
+  return (*s_pthreadCreate)(thread, attributes, BeginHeld, new Held{function, argument, s_gate.released});
 }
 
 }  // extern "C"
