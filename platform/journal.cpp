@@ -53,11 +53,11 @@ class Line {
 // One thread at a time.
 class Journal {
  public:
-  // The first line stands for all of them.
+  // Counts as one line of that kind.
   template <class Text>
-  void Say(std::string_view priority, std::span<const Text> texts) {
+  void Say(std::string_view priority, std::string_view kind, std::span<const Text> texts) {
     const journal::Clock::time_point now = journal::Clock::now();
-    if (texts.empty() || !m_limit.Admit(texts.front(), now)) {
+    if (texts.empty() || !(priority == kError ? m_errors : m_notices).Admit(kind, now)) {
       return;
     }
     SayLeftOut(now);
@@ -74,12 +74,14 @@ class Journal {
 
  private:
   void SayLeftOut(journal::Clock::time_point now) {
-    m_limit.TellLeftOut(now, [this](u64 number, std::string_view example) {
-      Line line(kNotice);
-      line.Append("journal: ").AppendLines(number);
-      line.Append(example.empty() ? "of several kinds left out" : "like this left out: ").Append(example);
-      return Write(line);
-    });
+    for (journal::LineLimit* limit : {&m_errors, &m_notices}) {
+      limit->TellLeftOut(now, [this](u64 number, std::string_view example) {
+        Line line(kNotice);
+        line.Append("journal: ").AppendLines(number);
+        line.Append(example.empty() ? "of several kinds left out" : "like this left out: ").Append(example);
+        return Write(line);
+      });
+    }
   }
 
   bool SayDropped() {
@@ -97,7 +99,9 @@ class Journal {
 
   bool Write(Line& line) { return SayDropped() && m_output.Write(STDERR_FILENO, line.End()); }
 
-  journal::LineLimit m_limit;
+  // Apart, so that what parties can cause at will takes no error's place.
+  journal::LineLimit m_errors;
+  journal::LineLimit m_notices;
   journal::LineOutput m_output;
   u64 m_dropped = 0;
 };
@@ -108,17 +112,17 @@ constinit Journal s_journal NAT_GUARDED_BY(s_mutex);
 static_assert(std::is_trivially_destructible_v<ThreadMutex> && std::is_trivially_destructible_v<Journal>);
 
 template <class Text>
-void Say(std::string_view priority, std::span<const Text> texts) {
+void Say(std::string_view priority, std::string_view kind, std::span<const Text> texts) {
   const int error = errno;
   {
     const ScopedLock lock(s_mutex);
-    s_journal.Say(priority, texts);
+    s_journal.Say(priority, kind, texts);
   }
   errno = error;
 }
 
-void Say(std::string_view priority, std::string_view text) {
-  Say(priority, std::span<const std::string_view>(&text, 1));
+void Say(std::string_view priority, std::string_view kind, std::string_view text) {
+  Say(priority, kind, std::span<const std::string_view>(&text, 1));
 }
 
 // At exit, and before the library is unloaded.
@@ -129,6 +133,9 @@ __attribute__((destructor)) void Finish() {
 
 }  // namespace
 
-void JournalNotice(std::string_view text) noexcept { Say(kNotice, text); }
-void JournalError(std::string_view text) noexcept { Say(kError, text); }
-void JournalErrors(std::span<const std::string> lines) noexcept { Say(kError, lines); }
+void JournalNotice(std::string_view text) noexcept { Say(kNotice, text, text); }
+void JournalNotice(std::string_view text, std::string_view kind) noexcept { Say(kNotice, kind, text); }
+void JournalError(std::string_view text) noexcept { Say(kError, text, text); }
+void JournalErrors(std::span<const std::string> lines) noexcept {
+  Say(kError, lines.empty() ? std::string_view() : std::string_view(lines.front()), lines);
+}

@@ -33,8 +33,17 @@ bool NatAgent::CloseRTPNatMapping(const u64& queryId) {
   Log().TraceNumber("Got CloseRTPNatMapping request for ", queryId);
   const bool deleted = m_reverseNat.DeleteRevTarget(queryId);
   Log().Trace(deleted ? "Rev target deleted\r\n" : "No rev target with such queryId\r\n", kLogOrdinary);
-  const auto waiting = std::find_if(m_pendingQueries.begin(), m_pendingQueries.end(),
-                                    [&](const ResolveQuery& query) { return query.queryId == queryId; });
+  // A party that starts again uses its predecessor's ids: a request that somebody waits for goes before one left
+  // behind.
+  const auto find = [&](bool leftBehindToo) {
+    return std::find_if(m_pendingQueries.begin(), m_pendingQueries.end(), [&](const ResolveQuery& query) {
+      return query.queryId == queryId && (leftBehindToo || query.name->request.HasParty());
+    });
+  };
+  auto waiting = find(false);
+  if (waiting == m_pendingQueries.end()) {
+    waiting = find(true);
+  }
   if (waiting != m_pendingQueries.end()) {
     {
       ScopedLock lock(m_resolveEvent);

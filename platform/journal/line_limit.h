@@ -52,8 +52,11 @@ class LineLimit {
   // forgotten once `tell` returned true; after false nothing more is told.
   template <class Tell>
   void TellLeftOut(Clock::time_point now, const Tell& tell) {
-    if (!TellOne(m_leftOut, {}, tell)) {
-      return;
+    if (m_leftOut > 0 && m_several.HasRoom(now)) {
+      if (!TellOne(m_leftOut, {}, tell)) {
+        return;
+      }
+      m_several.Use(now);
     }
     for (Kind& kind : m_kinds) {
       if (kind.leftOut == 0 || (&kind != m_admitted && !kind.rate.HasRoom(now))) {
@@ -122,7 +125,8 @@ class LineLimit {
 
   Kind m_kinds[32];
   Rate<200, 50> m_all;
-  u64 m_leftOut = 0;  // for the sake of all, or of a kind that was forgotten
+  Rate<1, 10'000> m_several;  // of the lines that tell m_leftOut
+  u64 m_leftOut = 0;          // for the sake of all, or of a kind that was forgotten
   const Kind* m_admitted = nullptr;
 };
 

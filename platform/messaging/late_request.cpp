@@ -48,6 +48,8 @@ LateRequest::~LateRequest() {
   }
 }
 
+bool LateRequest::HasParty() const { return m_account != nullptr && m_account->HasParty(); }
+
 void LateRequest::Resize(std::size_t bytes) {
   if (m_account != nullptr) {
     m_account->Change(0, static_cast<std::ptrdiff_t>(bytes) - static_cast<std::ptrdiff_t>(m_bytes));

@@ -51,6 +51,8 @@ class LateRequest {
   ~LateRequest();
 
   bool IsKept() const { return m_account != nullptr; }
+  // Whether the party that asked is there.
+  bool HasParty() const;
   void Resize(std::size_t bytes);
   // True when its party is gone and gone parties left too much on its queue. It is then not kept any more, and the
   // journal reports the number of such requests.

@@ -114,7 +114,8 @@ bool PartyQueue::Adopt() {
       m_peer.Reset();
       return false;
     }
-    JournalNotice("the party of " + Name() + " connected: " + m_party.Text());
+    const std::string connected = "the party of " + Name() + " connected";
+    JournalNotice(connected + ": " + m_party.Text(), connected);
     Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
     SendFrame();
   } catch (...) {
@@ -189,15 +190,16 @@ void PartyQueue::HoldBack(bool held) {
 
 void PartyQueue::ReportDropped() const {
   if (const std::size_t dropped = messaging::PartyAccount::TakeDropped(m_number)) {
-    JournalError("queue " + std::to_string(m_number) + ": dropped " + std::to_string(dropped) +
-                 " requests for host names, the oldest that parties had left unanswered when they hung up: at most " +
-                 std::to_string(LateRequest::kMaxRequests) + " of them are kept, or 1 MB");
+    JournalNotice("queue " + std::to_string(m_number) + ": dropped " + std::to_string(dropped) +
+                  " look-ups, the oldest that parties had left when they hung up: at most " +
+                  std::to_string(LateRequest::kMaxRequests) + " of them are kept, or 1 MB");
   }
 }
 
 void PartyQueue::HangUp() {
   try {
-    JournalNotice("the party of " + Name() + " hung up: " + m_party.Text());
+    const std::string hungUp = "the party of " + Name() + " hung up";
+    JournalNotice(hungUp + ": " + m_party.Text(), hungUp);
   } catch (const std::bad_alloc&) {
     JournalNotice("a party hung up");
   }

@@ -24,7 +24,8 @@ TEST(LineLimitTest, EqualLinesAndAllLinesAreLimitedAndEveryNumberIsTold) {
       {0, "a", 4, 0, ""},
       {40, "b", 1, 1, "4 a0;"},  // of another kind, once the line itself might come again
       {1000, "defghijklmnopqrst", 20, 200, "140 ;"},
-      {1, "bc", 15, 20, "10 ;"},
+      {1, "bc", 15, 20, ""},  // the number of several kinds comes once in 10 s
+      {9, "b", 1, 1, "10 ;"},
   };
   journal::LineLimit limit;
   journal::Clock::time_point now{};

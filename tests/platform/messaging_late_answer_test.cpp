@@ -127,7 +127,7 @@ TEST_F(LateAnswerTest, APartyThatDiesHeldBackMakesWay) {
   const u64 sent = Flood(*party);
   party.emplace(NATCLIENT_SIP);
   const std::string journal = Journal([&] { Settle(); });
-  EXPECT_NE(journal.find("queue 112: dropped " + std::to_string(sent - kMost) + " requests"), std::string::npos);
+  EXPECT_NE(journal.find("queue 112: dropped " + std::to_string(sent - kMost) + " look-ups"), std::string::npos);
   EXPECT_EQ(m_sip.requests.size(), sent) << "what it had sent is taken";
   EXPECT_EQ(m_sip.Kept(), kMost);
   EXPECT_FALSE(m_sip.late.front().IsKept());

@@ -88,10 +88,10 @@ TEST_F(ResolverTest, PartiesTakeTurnsAndEveryNameWaitsForItsOwnLookUp) {
   AskCs(3, "two.example");
   Deliver(kCm, {RTP, 4, "one.example"});
   Deliver(kCm, {RTP, 5, "three.example"});
-  Deliver(kCc, {RTP, 6, "left.example"});
+  Deliver(kCc, {RTP, 7, "left.example"});
   HangUp(kCc);
   AskCs(7, "closed.example");
-  Deliver(kSip, {CLOSE, 7});
+  Deliver(kSip, {CLOSE, 7});  // its own, and not the one that a gone party left under the same id
   EXPECT_GT(fake::Device()->kept[kSip].bytes, 32768U);
   LetReturn(1);
   Answered({"send 112 cs 1 203.0.113.7:15060/1 value 0", "send 112 cs 2 0.0.0.0:0/2 value 0"});
@@ -103,6 +103,9 @@ TEST_F(ResolverTest, PartiesTakeTurnsAndEveryNameWaitsForItsOwnLookUp) {
   EXPECT_EQ(fake::Calls({"lookup"}),
             (Strings{"lookup far.example", "lookup one.example", "lookup two.example", "lookup three.example",
                      "lookup closed.example", "lookup far.example", "lookup left.example"}));
+  for (const std::string& answer : fake::Calls({"send"})) {
+    EXPECT_FALSE(answer.starts_with("send 112 cs 7 ")) << answer;
+  }
   for (const auto& [queue, kept] : fake::Device()->kept) {
     EXPECT_EQ(kept.requests + kept.bytes, 0U) << queue;
   }

@@ -50,6 +50,8 @@ LateRequest::~LateRequest() {
   }
 }
 
+bool LateRequest::HasParty() const { return m_account != nullptr && fake::Device()->online.contains(m_account->queue); }
+
 void LateRequest::Resize(std::size_t bytes) {
   fake::Device()->kept[m_account->queue].bytes += bytes - m_bytes;
   m_bytes = bytes;
