@@ -7,9 +7,10 @@
 
 namespace {
 
+bool UpdateGwSettings() NAT_REQUIRES(g_settingsLock) { return LoadGwSettings(GW_UPDATE); }
+
 // What a reload runs, in this order and each whatever the one before gave or threw. Under the settings lock.
-constexpr bool (*kLoaders[])() = {LoadNatExcTable, LoadSipUdpSettings, LoadSipTcpSettings,
-                                  [] NAT_REQUIRES(g_settingsLock) { return LoadGwSettings(GW_UPDATE); }};
+constexpr bool (*kLoaders[])() = {LoadNatExcTable, LoadSipUdpSettings, LoadSipTcpSettings, UpdateGwSettings};
 
 }  // namespace
 
