@@ -1,5 +1,6 @@
 #include "platform/stunutils/diagnosis.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -10,6 +11,8 @@ namespace {
 
 constexpr Millis kTogether{1000};
 constexpr Millis kCalm{10000};
+constexpr int kRefusalCalm = 10;  // periods
+constexpr int kLongestCalm = 512;
 constexpr u16 kTryAlternate = 300;  // RFC 8489, 14.8
 
 // "5060 10000-10199"
@@ -31,17 +34,27 @@ std::string Ranges(const std::set<u16>& ports) {
 
 }  // namespace
 
-void Diagnosis::Problem(const std::string& text, TimePoint now) {
-  const auto [problem, isNew] = m_problems.insert_or_assign(text, now);
-  if (isNew) {
-    Say(text);
+void Diagnosis::Problem(const ProblemKey& problem, TimePoint now) {
+  if (m_problems.insert_or_assign(problem, now).second) {
+    Report(problem.first);
+  }
+}
+
+void Diagnosis::Configured(const std::vector<Endpoint>& servers) {
+  const auto isGone = [&servers](const std::optional<Endpoint>& server) {
+    return server && std::find(servers.begin(), servers.end(), *server) == servers.end();
+  };
+  std::erase_if(m_silent, isGone);
+  std::erase_if(m_problems, [&isGone](const auto& problem) { return isGone(problem.first.second); });
+  if (isGone(m_asked)) {
+    m_asked.reset();
   }
 }
 
 void Diagnosis::Silent(const Endpoint& server) {
-  if (!m_isToldSilent) {
-    m_isToldSilent = true;
-    Say("server " + EndpointText(server) + " does not answer; known mappings are kept");
+  Fails(server);
+  if (m_silent.insert(server).second) {
+    Report("server " + EndpointText(server) + " does not answer; known mappings are kept");
   }
 }
 
@@ -56,58 +69,69 @@ void Diagnosis::Refused(const Endpoint& server, const Answer& answer, TimePoint 
   } else {
     text += " refuses with error " + std::to_string(answer.errorCode);
   }
-  Problem(text, now);
+  Fails(server);
+  Problem({text, server}, now);
 }
 
 void Diagnosis::Mapped(u16 port, const Endpoint& server, TimePoint now) {
-  m_toldUnavailable.erase(port);
-  std::erase_if(m_problems, [now](const auto& problem) { return problem.second + kCalm <= now; });
-  if (m_isToldSilent) {
-    m_isToldSilent = false;
-    Say("server " + EndpointText(server) + " answers again");
+  m_reportedUnavailable.erase(port);
+  std::erase_if(m_problems, [&](const auto& problem) {
+    const std::optional<Endpoint>& refuser = problem.first.second;
+    return refuser ? *refuser == server && problem.second + kRefusalCalm * m_period <= now
+                   : problem.second + kCalm <= now;
+  });
+  if (m_silent.erase(server) != 0) {
+    Report("server " + EndpointText(server) + " answers again");
+  } else if (m_asked && *m_asked != server) {
+    Report("server " + EndpointText(server) + " is asked instead");
   }
+  m_asked = server;
 }
 
 void Diagnosis::NatMaps(NatMapping how, const Endpoint& mapped, const Endpoint& server, const Arrival& other) {
   const bool isDifferent = how == NatMapping::DIFFERENT;
   const std::string port = "the NAT maps port " + std::to_string(other.port);
-  if (isDifferent && !m_isToldDifferent) {
-    Say(port + " differently for each destination: " + EndpointText(mapped) + " toward " + EndpointText(server) + ", " +
-        EndpointText(other.answer.mapped) + " toward " + EndpointText(other.source) +
-        "; what is learnt holds for the server alone");
-  } else if (!isDifferent && m_isToldDifferent) {
-    Say(port + " the same way for each destination: what is learnt holds for others than the server again");
+  if (isDifferent && !m_isReportedDifferent) {
+    Report(port + " differently for each destination: " + EndpointText(mapped) + " toward " + EndpointText(server) +
+           ", " + EndpointText(other.answer.mapped) + " toward " + EndpointText(other.source) +
+           "; what is learnt holds for the server alone");
+  } else if (!isDifferent && m_isReportedDifferent) {
+    Report(port + " the same way for each destination: what is learnt holds for others than the server again");
   }
-  m_isToldDifferent = isDifferent;
+  m_isReportedDifferent = isDifferent;
 }
 
-void Diagnosis::Unsettled(std::optional<u16> port) {
-  if (port && !m_isToldUnsettled) {
-    Say("the mapping of port " + std::to_string(*port) +
-        " does not settle: nearly each answer shows another; the last that was seen twice in a row is used");
-  } else if (!port && m_isToldUnsettled) {
-    Say("mappings settle again");
+void Diagnosis::Unsettled(std::optional<u16> port, TimePoint now) {
+  if (port && !m_lastUnsettled) {
+    Report("the mapping of port " + std::to_string(*port) +
+           " does not settle: nearly each answer shows another; the last that was seen twice in a row is used");
   }
-  m_isToldUnsettled = port.has_value();
+  if (port) {
+    m_lastUnsettled = now;
+  } else if (m_lastUnsettled && *m_lastUnsettled + m_calmPeriods * m_period <= now) {
+    m_lastUnsettled.reset();
+    m_calmPeriods = std::min(2 * m_calmPeriods, kLongestCalm);
+    Report("mappings settle again");
+  }
 }
 
 void Diagnosis::Unavailable(u16 port, int error, TimePoint now) {
-  const auto told = m_toldUnavailable.find(port);
-  if (told == m_toldUnavailable.end() || told->second != error) {
-    m_toldUnavailable[port] = error;
+  const auto reported = m_reportedUnavailable.find(port);
+  if (reported == m_reportedUnavailable.end() || reported->second != error) {
+    m_reportedUnavailable[port] = error;
     m_unavailable[error].insert(port);
     m_unavailableSince = m_unavailableSince.value_or(now);
   }
 }
 
-void Diagnosis::TellUnavailable(TimePoint now, bool isComplete) {
+void Diagnosis::ReportUnavailable(TimePoint now, bool isComplete) {
   if (!m_unavailableSince || (!isComplete && now - *m_unavailableSince < kTogether)) {
     return;
   }
   for (const auto& [error, ports] : m_unavailable) {
-    Say(error == EADDRINUSE
-            ? "these ports are in use and cannot be learnt without CAP_NET_RAW: " + Ranges(ports)
-            : "these ports cannot be bound (" + std::generic_category().message(error) + "): " + Ranges(ports));
+    Report(error == EADDRINUSE
+               ? "these ports are in use and cannot be learnt without CAP_NET_RAW: " + Ranges(ports)
+               : "these ports cannot be bound (" + std::generic_category().message(error) + "): " + Ranges(ports));
   }
   m_unavailable.clear();
   m_unavailableSince.reset();

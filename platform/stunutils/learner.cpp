@@ -9,6 +9,9 @@ namespace {
 // Changes come in bursts: one report for all that are found within this time, and none sooner after the last.
 constexpr Millis kSettle{1000};
 
+constexpr std::size_t kSpread = 4;
+constexpr Millis kSpreading{2000};  // within it no port is asked twice
+
 }  // namespace
 
 void Learner::AddPort(u16 port, u8 owner, bool isMedia) {
@@ -43,6 +46,7 @@ void Learner::Begin(bool takesPorts, bool isElsewhere, TimePoint now) {
   m_takesPorts = takesPorts;
   m_timing = MakeTiming(m_settings, takesPorts);
   m_schedule.SetTiming(m_timing, now);
+  m_diagnosis.SetPeriod(m_timing.period);
   m_servers.Restart();
   StartOver(now);
 }
@@ -51,9 +55,11 @@ void Learner::Configure(const Settings& settings, TimePoint now) {
   m_settings = settings;
   m_timing = MakeTiming(settings, m_takesPorts);
   m_schedule.SetTiming(m_timing, now);
+  m_diagnosis.SetPeriod(m_timing.period);
   if (!m_servers.Configure(settings.servers)) {
     return;
   }
+  m_diagnosis.Configured(m_servers.All());
   if (m_servers.IsEmpty()) {
     m_diagnosis.Problem("there is no server to ask", now);
   }
@@ -127,42 +133,46 @@ void Learner::FollowAdvice(TimePoint now) {
   }
 }
 
-void Learner::Heed(const Arrival& arrival, TimePoint now) {
+void Learner::Handle(const Arrival& arrival, TimePoint now) {
   if (m_natCheck.IsAwaited(arrival.port, arrival.source, arrival.answer.id)) {
-    HeedComparison(arrival, now);
+    HandleComparison(arrival, now);
   } else if (arrival.source != m_server || !m_schedule.IsAwaited(arrival.port, arrival.answer.id)) {
     return;
   } else if (arrival.answer.kind == Answer::Kind::MAPPED) {
-    HeedMapping(arrival, now);
+    HandleMapping(arrival, now);
   } else {
     m_diagnosis.Refused(*m_server, arrival.answer, now);
     m_schedule.Refused(arrival.port, now);
   }
 }
 
-void Learner::HeedMapping(const Arrival& arrival, TimePoint now) {
-  const bool wasSettled = !m_table.Unsettled().has_value();
+void Learner::HandleMapping(const Arrival& arrival, TimePoint now) {
   m_servers.Heard();
   m_diagnosis.Mapped(arrival.port, *m_server, now);
-  const Mapping::Told told = m_table.Tell(arrival.port, arrival.answer.mapped, *m_server);
-  m_diagnosis.Unsettled(m_table.Unsettled());
-  m_schedule.Mapped(arrival.port, told == Mapping::Told::DOUBTFUL, now);
-  switch (told) {
-    case Mapping::Told::KNOWN:
-      BeginComparison(arrival.port, now);
-      break;
-    case Mapping::Told::DOUBTFUL:
-      if (wasSettled && !m_table.Unsettled()) {
-        Scan(now);  // what changed one port's mapping has likely changed others
-      }
-      break;
-    case Mapping::Told::CHANGED:
-      m_changedSince = m_changedSince.value_or(now);
-      m_natCheck.Doubt();
-      break;
-    case Mapping::Told::UNSETTLED:
-      break;
+  const Mapping::News news = m_table.Observe(arrival.port, arrival.answer.mapped, *m_server);
+  m_diagnosis.Unsettled(m_table.Unsettled(), now);
+  m_schedule.Mapped(arrival.port, news == Mapping::News::DOUBTFUL, now);
+  if (news == Mapping::News::CHANGED) {
+    m_changedSince = m_changedSince.value_or(now);
   }
+  if (m_table.Find(arrival.port).IsRestless()) {
+    return;
+  }
+  if (news == Mapping::News::NONE) {
+    BeginComparison(arrival.port, now);
+  } else if (news == Mapping::News::CHANGED) {
+    m_natCheck.Doubt();
+    SpreadDoubt(now);
+  }
+}
+
+// What changed one port's mapping has likely changed others. For each change a few ports more are asked, and those that
+// have changed too bring more in turn: so all are found soon, and a change of one port alone costs little.
+void Learner::SpreadDoubt(TimePoint now) {
+  if (now >= m_doubtSince + kSpreading) {
+    m_doubtSince = now;
+  }
+  m_schedule.PromptNext(kSpread, m_doubtSince, now);
 }
 
 void Learner::BeginComparison(u16 port, TimePoint now) {
@@ -172,7 +182,7 @@ void Learner::BeginComparison(u16 port, TimePoint now) {
   }
 }
 
-void Learner::HeedComparison(const Arrival& arrival, TimePoint now) {
+void Learner::HandleComparison(const Arrival& arrival, TimePoint now) {
   EndComparison(now);
   if (m_natCheck.Answered(arrival.answer, now)) {
     m_diagnosis.NatMaps(m_natCheck.Conclusion(), m_natCheck.Mapped(), m_table.Find(arrival.port).Server(), arrival);
@@ -212,7 +222,7 @@ std::list<std::pair<u16, u16>> Learner::TakeChanges(TimePoint now) {
 }
 
 std::vector<std::string> Learner::TakeLines(TimePoint now) {
-  m_diagnosis.TellUnavailable(now, m_schedule.IsIdle());
+  m_diagnosis.ReportUnavailable(now, m_schedule.IsIdle());
   return m_diagnosis.TakeLines();
 }
 

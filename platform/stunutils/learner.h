@@ -40,7 +40,7 @@ class Learner {
 
   void Scan(TimePoint now) { m_schedule.Scan(now); }
   void LookedUp(const ServerList::Addresses& found, TimePoint now);
-  void Heed(const Arrival& arrival, TimePoint now);
+  void Handle(const Arrival& arrival, TimePoint now);
 
   // What is to be done now, in this order.
   struct Turn {
@@ -67,8 +67,9 @@ class Learner {
   void StartOver(TimePoint now);
   void ChooseServer(TimePoint now);
   void FollowAdvice(TimePoint now);
-  void HeedMapping(const Arrival& arrival, TimePoint now);
-  void HeedComparison(const Arrival& arrival, TimePoint now);
+  void HandleMapping(const Arrival& arrival, TimePoint now);
+  void HandleComparison(const Arrival& arrival, TimePoint now);
+  void SpreadDoubt(TimePoint now);
   void BeginComparison(u16 port, TimePoint now);
   void EndComparison(TimePoint now);
   bool IsReportDue(TimePoint now) const;
@@ -85,6 +86,7 @@ class Learner {
   std::optional<Endpoint> m_server;  // in-flight requests were sent to it
   std::optional<TimePoint> m_changedSince;
   TimePoint m_lastReport{};
+  TimePoint m_doubtSince{};  // of other ports' mappings
   std::vector<u16> m_ended;
 };
 

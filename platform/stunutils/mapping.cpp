@@ -4,43 +4,34 @@
 
 namespace stun {
 
-Mapping::Told Mapping::Tell(const Endpoint& mapped, const Endpoint& server) {
-  Count(mapped);
-  const bool isConfirmed = m_agreed >= 2;
+Mapping::News Mapping::Observe(const Endpoint& mapped, const Endpoint& server) {
+  const bool isConfirmed = mapped == m_last;
+  MeasureUnrest(mapped);
   if (isConfirmed || !m_mapped.Known() || mapped == m_settled) {
     m_mapped = mapped;
     m_server = server;
   }
   if (!m_settled.Known() || mapped == m_settled) {
     m_settled = mapped;
-    return Told::KNOWN;
+    return News::NONE;
   }
   if (isConfirmed) {
     m_settled = mapped;
-    return Told::CHANGED;
+    return News::CHANGED;
   }
-  return m_isUnsettled ? Told::UNSETTLED : Told::DOUBTFUL;
+  return IsRestless() ? News::RESTLESS : News::DOUBTFUL;
 }
 
-void Mapping::Count(const Endpoint& mapped) {
-  if (mapped == m_last) {
-    m_agreed = std::min<u8>(kAgreed, static_cast<u8>(m_agreed + 1));
-  } else {
-    m_agreed = 1;
-    m_different = std::min<u8>(kMostDifferent + 1, static_cast<u8>(m_different + (m_last.Known() ? 1 : 0)));
+void Mapping::MeasureUnrest(const Endpoint& mapped) {
+  if (m_last.Known() && mapped != m_last) {
+    m_unrest = std::min(kMostUnrest, static_cast<u8>(m_unrest + kUnlike));
+  } else if (mapped == m_settled) {
+    m_unrest = static_cast<u8>(std::max(m_unrest - kLike, 0));
   }
-  if (m_agreed == kAgreed) {
-    m_different = 0;
-    m_isUnsettled = false;
-  }
-  m_isUnsettled = m_isUnsettled || m_different > kMostDifferent;
+  m_isUnsettled = m_isUnsettled ? IsRestless() : m_unrest == kMostUnrest;
   m_last = mapped;
 }
 
-void Mapping::Forget() {
-  const Endpoint settled = m_settled;
-  *this = Mapping();
-  m_settled = settled;
-}
+void Mapping::Forget() { m_mapped = m_server = m_last = Endpoint(); }
 
 }  // namespace stun

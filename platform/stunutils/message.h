@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <span>
+#include <tuple>
 
 #include "platform/types.h"
 
@@ -14,6 +15,7 @@ struct Endpoint {
   u32 address = 0;
   u16 port = 0;
   bool operator==(const Endpoint&) const = default;
+  bool operator<(const Endpoint& other) const { return std::tie(address, port) < std::tie(other.address, other.port); }
   bool Known() const { return address != 0 && port != 0; }
 };
 

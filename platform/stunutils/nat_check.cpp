@@ -10,14 +10,14 @@ constexpr u32 kSends = 3;
 constexpr Millis kLongestRto{500};
 constexpr u32 kLastWait = 2;  // RTOs
 constexpr Millis kAgain{600000};
-constexpr Millis kAgainAfterSilence{60000};
+constexpr Millis kAgainSoon{60000};
 
 }  // namespace
 
 void NatCheck::Reset() {
   m_conclusion = NatMapping::UNKNOWN;
-  m_isUnderWay = false;
-  m_due = TimePoint{};
+  m_isUnderWay = m_isContradicted = false;
+  m_due = m_doubtDue = TimePoint{};
 }
 
 void NatCheck::Begin(u16 port, const Endpoint& mapped, const Endpoint& server, TimePoint now) {
@@ -45,7 +45,7 @@ bool NatCheck::GiveUp(TimePoint now) {
     return false;
   }
   m_isUnderWay = false;
-  m_due = now + kAgainAfterSilence;
+  m_due = now + kAgainSoon;
   ++m_silences;
   return true;
 }
@@ -57,14 +57,22 @@ bool NatCheck::IsAwaited(u16 port, const Endpoint& source, const TransactionId& 
 bool NatCheck::Answered(const Answer& answer, TimePoint now) {
   m_isUnderWay = false;
   m_due = now + kAgain;
+  m_doubtDue = now + kAgainSoon;
   if (answer.kind != Answer::Kind::MAPPED) {
-    m_due = now + kAgainAfterSilence;
+    m_due = now + kAgainSoon;
     ++m_silences;
     return false;
   }
-  const NatMapping before = m_conclusion;
-  m_conclusion = answer.mapped == m_mapped ? NatMapping::SAME : NatMapping::DIFFERENT;
-  return m_conclusion != before;
+  const NatMapping shown = answer.mapped == m_mapped ? NatMapping::SAME : NatMapping::DIFFERENT;
+  const bool isOther = shown != m_conclusion;
+  if (isOther && m_conclusion != NatMapping::UNKNOWN && !m_isContradicted) {
+    m_isContradicted = true;
+    m_due = now;
+    return false;
+  }
+  m_isContradicted = false;
+  m_conclusion = shown;
+  return isOther;
 }
 
 }  // namespace stun

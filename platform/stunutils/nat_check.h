@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <optional>
 
 #include "platform/stunutils/schedule.h"
@@ -15,8 +16,8 @@ class NatCheck {
 
   // Nothing is known, the next comparison is due, none is under way any more.
   void Reset();
-  // What is known may not hold any more.
-  void Doubt() { m_due = TimePoint{}; }
+  // What is known may not hold any more: the next comparison is due a minute after the last.
+  void Doubt() { m_due = std::min(m_due, m_doubtDue); }
 
   bool IsDue(TimePoint now) const { return !m_isUnderWay && now >= m_due; }
   // `server` is not the one that told `mapped`.
@@ -33,7 +34,7 @@ class NatCheck {
   void Cancel() { m_isUnderWay = false; }
 
   bool IsAwaited(u16 port, const Endpoint& source, const TransactionId& id) const;
-  // The awaited answer: it is over. Whether the conclusion differs from the one before.
+  // The awaited answer: it is over. Whether the conclusion differs from the one before, which takes two answers.
   bool Answered(const Answer& answer, TimePoint now);
 
   NatMapping Conclusion() const { return m_conclusion; }
@@ -45,6 +46,8 @@ class NatCheck {
   NatMapping m_conclusion = NatMapping::UNKNOWN;
   std::size_t m_silences = 0;
   TimePoint m_due{};
+  TimePoint m_doubtDue{};
+  bool m_isContradicted = false;  // the conclusion, by the last answer
   // Of the comparison under way.
   bool m_isUnderWay = false;
   u16 m_port = 0;

@@ -1,13 +1,14 @@
 #include "platform/stunutils/port_queue.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace stun {
 namespace {
 
 constexpr u8 kMostBriefRests = 3;
 constexpr Millis kBriefRest{500};
-constexpr Millis kUnknownScanGap{1000};
+constexpr Millis kShortGap{1000};
 
 }  // namespace
 
@@ -70,6 +71,23 @@ void PortQueue::ApplyToAll(PortEvent event, TimePoint now) {
   }
 }
 
+void PortQueue::PromptNext(std::size_t count, TimePoint since, TimePoint now) {
+  if (m_promptedSince != since) {
+    m_promptedSince = since;
+    m_lastPrompted = {now, u16{0}};
+  }
+  std::vector<u16> next;
+  for (auto at = m_resting.upper_bound(m_lastPrompted); at != m_resting.end() && next.size() < count; ++at) {
+    m_lastPrompted = *at;
+    if (m_ports.at(at->second).asked < since) {
+      next.push_back(at->second);
+    }
+  }
+  for (const u16 number : next) {
+    Apply(number, PortEvent::CHANGE, now);
+  }
+}
+
 void PortQueue::Act(u16 number, Port& port, PortAction action, TimePoint now) {
   switch (action) {
     case PortAction::SEND:
@@ -90,7 +108,10 @@ void PortQueue::Act(u16 number, Port& port, PortAction action, TimePoint now) {
       RestBriefly(number, port, now);
       break;
     case PortAction::HASTEN:
-      port.turn = std::min(port.turn, std::max(now, MayAskAgain(port)));
+      port.turn = std::min(port.turn, std::max(now, port.asked + (port.isKnown ? Gap() : ShortGap())));
+      break;
+    case PortAction::PROMPT:
+      port.turn = std::min(port.turn, std::max(now, port.asked + ShortGap()));
       break;
     case PortAction::NOTHING:
     case PortAction::NUDGE:
@@ -110,10 +131,7 @@ void PortQueue::RestBriefly(u16 number, Port& port, TimePoint now) {
   }
 }
 
-TimePoint PortQueue::MayAskAgain(const Port& port) const {
-  const Millis gap = m_period / 10;
-  return port.asked + (port.isKnown ? gap : std::min(kUnknownScanGap, gap));
-}
+Millis PortQueue::ShortGap() const { return std::min(kShortGap, Gap()); }
 
 u16 PortQueue::FirstDue(bool isUrgent) const {
   const auto found =

@@ -28,6 +28,8 @@ class PortQueue {
   // nothing.
   PortAction Apply(u16 number, PortEvent event, TimePoint now);
   void ApplyToAll(PortEvent event, TimePoint now);
+  // Applies CHANGE to so many more of the ports that have not asked since then, in the order of their turns.
+  void PromptNext(std::size_t count, TimePoint since, TimePoint now);
   // A mapping was told for it.
   void SetKnown(u16 number) { m_ports.at(number).isKnown = true; }
 
@@ -64,7 +66,8 @@ class PortQueue {
   void Unlink(u16 number, const Port& port);
   void Act(u16 number, Port& port, PortAction action, TimePoint now);
   void RestBriefly(u16 number, Port& port, TimePoint now);
-  TimePoint MayAskAgain(const Port& port) const;
+  Millis Gap() const { return m_period / 10; }
+  Millis ShortGap() const;
   TimePoint Place(u16 number, TimePoint now) const { return NextPlace(number, now, m_period, m_random); }
 
   const Random m_random;
@@ -72,6 +75,8 @@ class PortQueue {
   std::unordered_map<u16, Port> m_ports;
   std::set<DueKey> m_due;
   std::set<std::pair<TimePoint, u16>> m_resting;
+  TimePoint m_promptedSince{};
+  std::pair<TimePoint, u16> m_lastPrompted;
 };
 
 }  // namespace stun

@@ -24,6 +24,7 @@ enum class PortEvent : u8 {
   SPARED,      // the server is heard: the canary is silent by itself
   TURN,        // its turn has come
   SCAN,        // all ports are to ask now
+  CHANGE,      // the mapping of another port has changed
   PERIOD,      // the period has changed
   LEND,        // it is to ask another server
   RETURNED,    // the comparison is over
@@ -40,6 +41,7 @@ enum class PortAction : u8 {
   REST,      // until its place in the period
   BRIEFLY,   // half a second, longer each time in a row, and after some times until its place
   HASTEN,    // until it may ask again
+  PROMPT,    // the same, a second after it last asked at the latest
   HAND_OUT,  // the schedule does nothing with it
 };
 
@@ -71,6 +73,7 @@ inline constexpr PortStep kPortSteps[] = {
 
     {PortState::RESTING, PortEvent::TURN, PortState::DUE, PortAction::AGAIN},
     {PortState::RESTING, PortEvent::SCAN, PortState::RESTING, PortAction::HASTEN},
+    {PortState::RESTING, PortEvent::CHANGE, PortState::RESTING, PortAction::PROMPT},
     {PortState::RESTING, PortEvent::PERIOD, PortState::RESTING, PortAction::REST},
     {PortState::RESTING, PortEvent::LEND, PortState::LENT, PortAction::HAND_OUT},
     {PortState::RESTING, PortEvent::RESTART, PortState::DUE, PortAction::FIRST},

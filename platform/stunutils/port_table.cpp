@@ -31,11 +31,11 @@ bool PortTable::IsSignalling(u16 port) const {
                                                 [](const Owner& owner) { return owner.isMedia; });
 }
 
-Mapping::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& server) {
+Mapping::News PortTable::Observe(u16 port, const Endpoint& mapped, const Endpoint& server) {
   Mapping& mapping = m_ports.at(port).mapping;
   m_knownSize += mapping.Mapped().Known() ? 0 : 1;
-  const Mapping::Told told = mapping.Tell(mapped, server);
-  if (told == Mapping::Told::CHANGED) {
+  const Mapping::News news = mapping.Observe(mapped, server);
+  if (news == Mapping::News::CHANGED) {
     m_changed.insert(port);
   }
   if (mapping.IsUnsettled()) {
@@ -43,7 +43,7 @@ Mapping::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& 
   } else {
     m_unsettled.erase(port);
   }
-  return told;
+  return news;
 }
 
 Mapping PortTable::Find(u16 port) const {
@@ -60,7 +60,6 @@ void PortTable::Forget() {
     port.mapping.Forget();
   }
   m_knownSize = 0;
-  m_unsettled.clear();
 }
 
 std::list<std::pair<u16, u16>> PortTable::TakeChanges() {

@@ -25,8 +25,8 @@ class PortTable {
   // It has a registration that is not for media.
   bool IsSignalling(u16 port) const;
 
-  // What a server told of a registered port.
-  Mapping::Told Tell(u16 port, const Endpoint& mapped, const Endpoint& server);
+  // What a server answered of a registered port.
+  Mapping::News Observe(u16 port, const Endpoint& mapped, const Endpoint& server);
   // Not known: all 0.
   Mapping Find(u16 port) const;
   std::size_t Size() const { return m_ports.size(); }
@@ -39,7 +39,6 @@ class PortTable {
   void Forget();
 
   // Ports whose mapping has changed and is confirmed, since the last call, once for each of their registrations.
-  bool HasChanges() const { return !m_changed.empty(); }
   std::list<std::pair<u16, u16>> TakeChanges();
 
  private:

@@ -50,6 +50,9 @@ class Schedule {
   // each other are one, at its end.
   void Scan(TimePoint now);
 
+  // So many more of the ports that have not asked since then ask now, or a second after they last asked.
+  void PromptNext(std::size_t count, TimePoint since, TimePoint now) { m_ports.PromptNext(count, since, now); }
+
   struct Turn {
     std::vector<Order> sends;  // without the server
     std::vector<u16> ended;    // ports that await nothing any more; to be handled before the sends

@@ -23,6 +23,10 @@ u16 ParsePort(const std::string& text) {
 // Whether datagrams can be sent there and answered from there.
 bool IsUsable(u32 address) { return address != 0 && address != sockets::kNoAddress; }
 
+bool Holds(const std::vector<Endpoint>& endpoints, const Endpoint& endpoint) {
+  return std::find(endpoints.begin(), endpoints.end(), endpoint) != endpoints.end();
+}
+
 }  // namespace
 
 bool ServerList::Configure(const std::list<StunServInfo>& servers) {
@@ -46,7 +50,7 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
         std::find_if(before.begin(), before.end(), [&](const Server& other) { return other.host == server.host; });
     if (server.isName && same != before.end()) {
       server.addresses = same->addresses;
-      server.isToldMissing = same->isToldMissing;
+      server.isReportedMissing = same->isReportedMissing;
     }
     isNameNew = isNameNew || (server.isName && same == before.end());
   }
@@ -54,7 +58,7 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
     m_nextLookUp = TimePoint::min();
     m_retry = kFirstRetry;
   }
-  Collect();
+  Collect(std::nullopt);
   return true;
 }
 
@@ -63,7 +67,7 @@ void ServerList::Append(const std::string& text, const std::string& defaultPort)
   const std::string port = colon == std::string::npos ? defaultPort : text.substr(colon + 1);
   Server server{text.substr(0, colon), ParsePort(port), false, false, {}};
   if (server.host.empty() || server.port == 0) {
-    m_diagnosis.Say("\"" + server.host + ":" + port + "\" cannot be a server: it needs a host and a port");
+    m_diagnosis.Report("\"" + server.host + ":" + port + "\" cannot be a server: it needs a host and a port");
     return;
   }
   const u32 address = sockets::inet_addr(server.host.c_str());
@@ -71,13 +75,15 @@ void ServerList::Append(const std::string& text, const std::string& defaultPort)
   if (IsUsable(address)) {
     server.addresses = {address};
   } else if (!server.isName) {
-    m_diagnosis.Say(server.host + " cannot be a server's address");
+    m_diagnosis.Report(server.host + " cannot be a server's address");
   }
   m_servers.push_back(std::move(server));
 }
 
 void ServerList::Restart() {
-  m_current = m_tried = 0;
+  m_current = 0;
+  m_isHeard = false;
+  m_tried.clear();
   m_isLookingUp = false;
   m_retry = kFirstRetry;
   m_nextLookUp = TimePoint::min();
@@ -111,25 +117,25 @@ void ServerList::LookedUp(const Addresses& found, TimePoint now) {
       std::copy_if(outcome->second.begin(), outcome->second.end(), std::back_inserter(addresses), IsUsable);
     }
     if (!addresses.empty()) {
-      if (server.isToldMissing) {
-        m_diagnosis.Say("the server's name " + server.host +
-                        " has an address again: " + AddressText(addresses.front()));
+      if (server.isReportedMissing) {
+        m_diagnosis.Report("the server's name " + server.host +
+                           " has an address again: " + AddressText(addresses.front()));
       }
-      server.isToldMissing = false;
+      server.isReportedMissing = false;
       server.addresses = std::move(addresses);
       continue;
     }
     isMissing = true;
-    if (outcome != found.end() && !server.isToldMissing) {
-      server.isToldMissing = true;
-      m_diagnosis.Say("the server's name " + server.host + " has no address; looking it up again from time to time");
+    if (outcome != found.end() && !server.isReportedMissing) {
+      server.isReportedMissing = true;
+      m_diagnosis.Report("the server's name " + server.host + " has no address; looking it up again from time to time");
     }
   }
   m_retry = isMissing ? std::clamp(m_retry * 2, kFirstRetry, kLongestRetry) : Millis{0};
   if (m_nextLookUp == TimePoint::max()) {  // and not asked for anew by other settings meanwhile
     m_nextLookUp = now + (isMissing ? m_retry : kRefresh);
   }
-  Collect();
+  Collect(m_isHeard ? Current() : std::nullopt);
 }
 
 std::optional<Endpoint> ServerList::Current() const {
@@ -142,36 +148,56 @@ std::optional<Endpoint> ServerList::Second(std::size_t number) const {
                      : std::optional(m_endpoints[(m_current + 1 + number % others) % m_endpoints.size()]);
 }
 
-void ServerList::Next() {
-  if (!m_endpoints.empty()) {
-    m_current = (m_current + 1) % m_endpoints.size();
-    ++m_tried;
-  }
+bool ServerList::HasUntried() const {
+  return std::any_of(m_endpoints.begin(), m_endpoints.end(), [this](const Endpoint& endpoint) {
+    return endpoint != m_endpoints[m_current] && !m_tried.contains(endpoint);
+  });
 }
 
-void ServerList::Collect() {
+void ServerList::Heard() {
+  m_isHeard = true;
+  m_tried.clear();
+}
+
+void ServerList::Next() {
+  if (m_endpoints.empty()) {
+    return;
+  }
+  const bool hasUntried = HasUntried();
+  m_isHeard = false;
+  m_tried.insert(m_endpoints[m_current]);
+  do {
+    m_current = (m_current + 1) % m_endpoints.size();
+  } while (hasUntried && !IsUntried());
+}
+
+// `kept` is asked on, whether it is still listed or not.
+void ServerList::Collect(const std::optional<Endpoint>& kept) {
   const std::optional<Endpoint> current = Current();
   std::vector<Endpoint> endpoints;
   for (const Server& server : m_servers) {
     for (const u32 address : server.addresses) {
-      const Endpoint endpoint{address, server.port};
-      if (std::find(endpoints.begin(), endpoints.end(), endpoint) == endpoints.end()) {
+      if (const Endpoint endpoint{address, server.port}; !Holds(endpoints, endpoint)) {
         endpoints.push_back(endpoint);
       }
     }
   }
-  if (endpoints.size() > kMost) {
-    m_diagnosis.Say("of " + std::to_string(endpoints.size()) + " server addresses only the first " +
-                    std::to_string(kMost) + " are used");
-    endpoints.resize(kMost);
+  const bool isTooMany = endpoints.size() > kMost;
+  if (isTooMany && !m_isReportedTooMany) {
+    m_diagnosis.Report("of " + std::to_string(endpoints.size()) + " server addresses only the first " +
+                       std::to_string(kMost) + " are used");
   }
-  if (endpoints == m_endpoints) {
-    return;
+  m_isReportedTooMany = isTooMany;
+  endpoints.resize(std::min(endpoints.size(), kMost));
+  if (kept && !Holds(endpoints, *kept)) {
+    endpoints.resize(std::min(endpoints.size(), kMost - 1));
+    endpoints.push_back(*kept);
   }
   m_endpoints = std::move(endpoints);
-  const auto kept = current ? std::find(m_endpoints.begin(), m_endpoints.end(), *current) : m_endpoints.end();
-  m_current = kept == m_endpoints.end() ? 0 : static_cast<std::size_t>(kept - m_endpoints.begin());
-  m_tried = 0;
+  const auto same = current ? std::find(m_endpoints.begin(), m_endpoints.end(), *current) : m_endpoints.end();
+  m_current = same == m_endpoints.end() ? 0 : static_cast<std::size_t>(same - m_endpoints.begin());
+  m_isHeard = m_isHeard && same != m_endpoints.end();
+  std::erase_if(m_tried, [this](const Endpoint& endpoint) { return !Holds(m_endpoints, endpoint); });
 }
 
 }  // namespace stun

@@ -97,7 +97,7 @@ bool Worker::TakeTurn() {
       learner.Scan(now);
     }
     for (const Arrival& arrival : m_arrivals) {
-      learner.Heed(arrival, now);
+      learner.Handle(arrival, now);
     }
     turn = learner.Advance(now);
     if (turn.areServersNew) {

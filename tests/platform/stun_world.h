@@ -39,7 +39,8 @@ struct World {
   TimePoint now{100h};
   std::function<Reply(u16 port, const Endpoint& server)> respond = [](u16 port, auto&) { return Maps(port); };
   std::function<int(u16 port)> unusable = [](u16) { return 0; };  // why a port cannot be used
-  int networkError = 0;                                           // of each sending
+  std::function<std::vector<u32>()> lookUp = [] { return std::vector<u32>(); };
+  int networkError = 0;  // of each sending
 
   std::vector<Sending> sendings;
   std::map<u16, Millis> learnt;  // when a mapping was first known
@@ -84,8 +85,12 @@ struct World {
     }
     FAIL() << "the learner never comes to rest";
   }
+  void Restart() {
+    learner.Begin(false, false, now);
+    RunUntil(Time() + 20s);
+  }
   void RunWithScans(Millis until, Millis apart) {
-    for (Millis time = Time(); time < until; time += apart) {
+    for (Millis time = Time() + apart; time < until; time += apart) {
       RunUntil(time);
       learner.Scan(now);
     }
@@ -96,7 +101,7 @@ struct World {
   void TakeTurn() {
     for (; !m_arrivals.empty() && m_arrivals.begin()->first <= now; m_arrivals.erase(m_arrivals.begin())) {
       const Arrival& arrival = m_arrivals.begin()->second;
-      learner.Heed(arrival, now);
+      learner.Handle(arrival, now);
       if (PublicPort(arrival.port) != 0) {
         learnt.emplace(arrival.port, Time());
       }
@@ -111,6 +116,9 @@ struct World {
     }
     for (const Order& order : turn.sends) {
       Send(order);
+    }
+    for (const std::string& name : turn.names) {
+      learner.LookedUp({{name, lookUp()}}, now);
     }
     mostUnderWay = std::max(mostUnderWay, m_held.size());
     for (const auto& change : learner.TakeChanges(now)) {

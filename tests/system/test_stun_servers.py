@@ -45,7 +45,8 @@ class StunServers(nat_bed.NatBedTest):
         bed.wait_until(lambda: server.asked >= asked + 400, "400 requests")
         self.assertGreater(time.monotonic() - begin, 400 / (2 * 51))  # 51 ports, one second
         server.answer = lambda port: ("mapped", port)
-        daemon.said("mappings settle again")
+        settled = lambda: any("mappings settle again" in line for line in daemon.errors)
+        bed.wait_until(settled, "settled mappings", 2 * bed.DEADLINE)  # some 17 periods
         self.assertEqual(sum("settle" in line for line in daemon.errors), 2)
         self.answered(natctl, CS)
 
