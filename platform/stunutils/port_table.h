@@ -16,7 +16,7 @@ namespace stun {
 class PortTable {
  public:
   // A registration of a port; several of the same port are kept.
-  void Add(u16 port, u8 owner, bool isMedia) { m_ports[port].owners.push_back({owner, isMedia}); }
+  void Add(u16 port, u8 owner, bool isMedia);
   // Takes back the latest registration. With the last one goes what was known.
   void Remove(u16 port);
   void Clear();
