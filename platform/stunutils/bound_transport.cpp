@@ -26,7 +26,7 @@ class BoundTransport : public Transport {
  public:
   BoundTransport(UniqueFd poller, u32 localAddress) : m_poller(std::move(poller)), m_localAddress(localAddress) {}
 
-  void ListenTo(std::span<const Endpoint>) override {}  // each socket is connected to its server
+  int ListenTo(std::span<const Endpoint>) override { return 0; }  // each socket is connected to its server
 
   int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
     auto found = m_sockets.find(localPort);
@@ -48,19 +48,20 @@ class BoundTransport : public Transport {
   }
 
   void Release(u16 localPort) override { m_sockets.erase(localPort); }
+  void ReleaseAll() override { m_sockets.clear(); }
 
   bool Receive(Datagram& datagram) override {
-    for (;;) {
-      epoll_event event{};
-      if (::epoll_wait(m_poller.Get(), &event, 1, 0) != 1) {
-        return false;
-      }
-      const auto localPort = static_cast<u16>(event.data.u32);
-      const auto found = m_sockets.find(localPort);
-      if (found != m_sockets.end() && ReceiveFrom(found->second.Get(), localPort, datagram)) {
-        return true;
-      }
+    epoll_event event{};
+    if (::epoll_wait(m_poller.Get(), &event, 1, 0) != 1) {
+      return false;
     }
+    const auto localPort = static_cast<u16>(event.data.u32);
+    const auto found = m_sockets.find(localPort);
+    datagram.payload.clear();
+    if (found != m_sockets.end()) {
+      ReceiveFrom(found->second.Get(), localPort, datagram);
+    }
+    return true;
   }
 
   int PollFd() const override { return m_poller.Get(); }
@@ -84,19 +85,16 @@ class BoundTransport : public Transport {
     return socket;
   }
 
-  static bool ReceiveFrom(int socket, u16 localPort, Datagram& datagram) {
+  static void ReceiveFrom(int socket, u16 localPort, Datagram& datagram) {
     std::array<u8, kLargestAnswer> payload;
     sockaddr_in from{};
     socklen_t size = sizeof(from);
     const ssize_t length = ::recvfrom(socket, payload.data(), payload.size(), MSG_DONTWAIT | MSG_TRUNC,
                                       reinterpret_cast<sockaddr*>(&from), &size);
-    if (length < 0 || static_cast<std::size_t>(length) > payload.size()) {
-      return false;  // a refusal by ICMP among them, which the reading has taken away
-    }
+    const bool isWhole = length >= 0 && static_cast<std::size_t>(length) <= payload.size();  // no refusal by ICMP
     datagram.localPort = localPort;
     datagram.source = {from.sin_addr.s_addr, ntohs(from.sin_port)};
-    datagram.payload.assign(payload.begin(), payload.begin() + length);
-    return true;
+    datagram.payload.assign(payload.begin(), payload.begin() + (isWhole ? length : 0));
   }
 
   const UniqueFd m_poller;

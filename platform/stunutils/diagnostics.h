@@ -8,7 +8,7 @@
 namespace stun {
 
 // A line in the host's journal while a StunLogger is created; nothing otherwise. Any thread.
-void Notice(std::string_view text);
+void Notice(std::string_view text) noexcept;
 
 // "192.0.2.1", "192.0.2.1:3478".
 std::string AddressText(u32 address);

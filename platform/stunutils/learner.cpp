@@ -16,7 +16,12 @@ constexpr Millis kSpreading{2000};  // within it no port is asked twice
 
 void Learner::AddPort(u16 port, u8 owner, bool isMedia) {
   m_table.Add(port, owner, isMedia);
-  m_schedule.Add(port, m_table.IsSignalling(port));
+  try {
+    m_schedule.Add(port, m_table.IsSignalling(port));
+  } catch (...) {
+    m_table.Remove(port);
+    throw;
+  }
 }
 
 void Learner::RemovePort(u16 port) {
@@ -48,6 +53,9 @@ void Learner::Begin(bool takesPorts, bool isElsewhere, TimePoint now) {
   m_schedule.SetTiming(m_timing, now);
   m_diagnosis.SetPeriod(m_timing.period);
   m_servers.Restart();
+  if (m_table.HasChanges()) {
+    m_changedSince = m_changedSince.value_or(now);
+  }
   StartOver(now);
 }
 
@@ -90,15 +98,16 @@ Learner::Turn Learner::Advance(TimePoint now) {
   if (m_natCheck.GiveUp(now)) {
     EndComparison(now);
   }
-  Schedule::Turn asked;
+  std::vector<Order> sends;
   if (m_server) {
-    m_schedule.Advance(now, asked);
+    sends = m_schedule.Advance(now);
     FollowAdvice(now);
   }
-  turn.ended = std::exchange(m_ended, {});
-  turn.ended.insert(turn.ended.end(), asked.ended.begin(), asked.ended.end());
+  turn.ended = m_schedule.TakeEnded();
+  turn.ended.insert(turn.ended.end(), m_ended.begin(), m_ended.end());
+  m_ended.clear();
   if (m_servers.Current() == m_server) {  // else they are put back in the next turn
-    turn.sends = std::move(asked.sends);
+    turn.sends = std::move(sends);
   }
   for (Order& order : turn.sends) {
     order.server = *m_server;
@@ -190,8 +199,8 @@ void Learner::HandleComparison(const Arrival& arrival, TimePoint now) {
 }
 
 void Learner::EndComparison(TimePoint now) {
-  m_natCheck.Cancel();
   m_ended.push_back(m_natCheck.Port());
+  m_natCheck.Cancel();
   m_schedule.Return(m_natCheck.Port(), now);
 }
 
@@ -216,9 +225,10 @@ std::list<std::pair<u16, u16>> Learner::TakeChanges(TimePoint now) {
   if (!IsReportDue(now)) {
     return {};
   }
+  auto changes = m_table.TakeChanges();
   m_changedSince.reset();
   m_lastReport = now;
-  return m_table.TakeChanges();
+  return changes;
 }
 
 std::vector<std::string> Learner::TakeLines(TimePoint now) {
@@ -228,7 +238,7 @@ std::vector<std::string> Learner::TakeLines(TimePoint now) {
 
 TimePoint Learner::NextDeadline() const {
   TimePoint next = std::min({m_servers.NextDeadline(), m_natCheck.NextDeadline(), m_diagnosis.NextDeadline()});
-  if (m_server != m_servers.Current() || !m_ended.empty()) {
+  if (m_server != m_servers.Current() || !m_ended.empty() || m_schedule.HasEnded()) {
     next = TimePoint::min();
   } else if (m_server) {
     next = std::min(next, m_schedule.NextDeadline());

@@ -32,8 +32,8 @@ class Learner {
   std::size_t KnownSize() const { return m_table.KnownSize(); }
   NatMapping Nat() const { return m_natCheck.Conclusion(); }
 
-  // Starts learning over a new transport. From another local address than before, known mappings are only kept to be
-  // compared with the next ones.
+  // Starts learning over a new transport, or over a turn that found no memory. From another local address than before,
+  // known mappings are only kept to be compared with the next ones.
   void Begin(bool takesPorts, bool isElsewhere, TimePoint now);
   // Other servers and numbers.
   void Configure(const Settings& settings, TimePoint now);

@@ -3,9 +3,15 @@
 #include <system_error>
 
 #include "platform/sockets/host_lookup.h"
+#include "platform/stunutils/diagnostics.h"
 #include "platform/stunutils/signals.h"
 
 namespace stun {
+namespace {
+
+constexpr char kFailed[] = "the servers' names cannot be looked up now: no memory or no thread";
+
+}  // namespace
 
 void NameLookUp::Begin(std::vector<std::string> names) {
   try {
@@ -17,11 +23,13 @@ void NameLookUp::Begin(std::vector<std::string> names) {
           found.emplace(name, sockets::LookUpHostAddresses(name.c_str(), stop));
         }
       } catch (...) {
+        Notice(kFailed);
         found.clear();
       }
       Finish(std::move(found));
     });
   } catch (...) {
+    Notice(kFailed);
     Finish({});
   }
 }

@@ -22,10 +22,11 @@ class NameLookUp {
   // `wake` is called on the look-up's thread when there is something to take.
   explicit NameLookUp(std::function<void()> wake) : m_wake(std::move(wake)) {}
 
-  // Begins; an earlier one is waited for, so Take it first.
+  // Begins; an earlier one is given up, which takes 50 ms at most.
   void Begin(std::vector<std::string> names);
 
-  // The outcome, once: an entry for each name, empty for one without an IPv4 address.
+  // The outcome, once: an entry for each name, empty for one without an IPv4 address; no entry when the look-up failed,
+  // which the journal is told.
   std::optional<Addresses> Take();
 
  private:
@@ -34,7 +35,7 @@ class NameLookUp {
   const std::function<void()> m_wake;
   ThreadMutex m_mutex;
   std::optional<Addresses> m_found NAT_GUARDED_BY(m_mutex);
-  std::jthread m_thread;  // the last member: it ends, within 100 ms, before the others go
+  std::jthread m_thread;  // the last member: it ends, within 50 ms, before the others go
 };
 
 }  // namespace stun

@@ -17,26 +17,17 @@ void Pace::Sent(TimePoint now) {
   m_next = std::max(now, m_next) + (m_window < kMost ? gap : Clock::duration{0});
 }
 
-void Pace::Answered(TimePoint now) {
-  Judge(now);
-  ++m_answered;
-}
-
-void Pace::Lost(TimePoint now) {
-  Judge(now);
-  ++m_lost;
-}
-
-void Pace::Judge(TimePoint now) {
+void Pace::Answered(u32 lost, TimePoint now) {
   const auto time = now - m_begin;
-  if (time < kJudged) {
-    return;
+  if (time >= kJudged) {
+    const bool isOverrun = m_lost > m_answered && m_lost + m_answered >= kEnough && time < 2 * kJudged;
+    const double answeredInUnit = m_answered / (std::chrono::duration<double, std::milli>(time) / kUnit);
+    m_window = std::clamp(kFaster * (isOverrun ? answeredInUnit : m_window), kLeast, kMost);
+    m_begin = now;
+    m_answered = m_lost = 0;
   }
-  const bool isOverrun = m_lost > m_answered && m_lost + m_answered >= kEnough && time < 2 * kJudged;
-  const double answeredInUnit = m_answered / (std::chrono::duration<double, std::milli>(time) / kUnit);
-  m_window = std::clamp(kFaster * (isOverrun ? answeredInUnit : m_window), kLeast, kMost);
-  m_begin = now;
-  m_answered = m_lost = 0;
+  ++m_answered;
+  m_lost += lost;
 }
 
 }  // namespace stun

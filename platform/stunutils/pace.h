@@ -11,15 +11,13 @@ class Pace {
   // When the next request may go; the epoch: at once.
   TimePoint NextSend() const { return m_window < kMost ? m_next : TimePoint{}; }
   void Sent(TimePoint now);
-  void Answered(TimePoint now);
-  // The wait for an answer is over.
-  void Lost(TimePoint now);
+  // A request was answered, and so often it was lost before. One that is never answered says nothing of the network:
+  // the port may be silent by itself.
+  void Answered(u32 lost, TimePoint now);
 
  private:
   static constexpr double kMost = 64;
   static constexpr double kLeast = 2;
-
-  void Judge(TimePoint now);
 
   double m_window = kMost;  // requests in kUnit
   TimePoint m_next{};

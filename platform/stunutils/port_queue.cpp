@@ -1,6 +1,7 @@
 #include "platform/stunutils/port_queue.h"
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
 namespace stun {
@@ -13,40 +14,43 @@ constexpr Millis kShortGap{1000};
 }  // namespace
 
 void PortQueue::Add(u16 number, bool isUrgent) {
-  Port& port = m_ports[number];
-  Unlink(number, port);
-  port.isUrgent = isUrgent;
-  Link(number, port);
+  const auto [at, isNew] = m_ports.try_emplace(number);
+  if (isNew) {
+    try {
+      m_order.insert(KeyOf(number, at->second));
+    } catch (...) {
+      m_ports.erase(at);
+      throw;
+    }
+  }
+  Reorder(number, at->second, [isUrgent](Port& port) { port.isUrgent = isUrgent; });
 }
 
 void PortQueue::Remove(u16 number) {
   const auto found = m_ports.find(number);
   if (found != m_ports.end()) {
-    Unlink(number, found->second);
+    m_order.erase(KeyOf(number, found->second));
     m_ports.erase(found);
   }
 }
 
 void PortQueue::Clear() {
   m_ports.clear();
-  m_due.clear();
-  m_resting.clear();
+  m_order.clear();
 }
 
-void PortQueue::Link(u16 number, const Port& port) {
-  if (port.state == PortState::DUE) {
-    m_due.insert(Key(number, port));
-  } else if (port.state == PortState::RESTING) {
-    m_resting.emplace(port.turn, number);
-  }
+PortQueue::Key PortQueue::KeyOf(u16 number, const Port& port) {
+  const bool isDue = port.state == PortState::DUE;
+  return {port.state, isDue ? port.passes : u8{0}, isDue && !port.isUrgent, port.turn, number};
 }
 
-void PortQueue::Unlink(u16 number, const Port& port) {
-  if (port.state == PortState::DUE) {
-    m_due.erase(Key(number, port));
-  } else if (port.state == PortState::RESTING) {
-    m_resting.erase({port.turn, number});
-  }
+// The port's node of the order is used again: no memory is needed.
+template <class Change>
+void PortQueue::Reorder(u16 number, Port& port, Change change) {
+  auto node = m_order.extract(KeyOf(number, port));
+  change(port);
+  node.value() = KeyOf(number, port);
+  m_order.insert(std::move(node));
 }
 
 PortAction PortQueue::Apply(u16 number, PortEvent event, TimePoint now) {
@@ -54,13 +58,12 @@ PortAction PortQueue::Apply(u16 number, PortEvent event, TimePoint now) {
   if (found == m_ports.end()) {
     return PortAction::NOTHING;
   }
-  Port& port = found->second;
-  const PortStep step = After(kPortSteps, port.state, event);
+  const PortStep step = After(kPortSteps, found->second.state, event);
   if (step.action != PortAction::NOTHING) {
-    Unlink(number, port);
-    port.state = step.to;
-    Act(number, port, step.action, now);
-    Link(number, port);
+    Reorder(number, found->second, [&](Port& port) {
+      port.state = step.to;
+      Act(number, port, step.action, now);
+    });
   }
   return step.action;
 }
@@ -77,10 +80,13 @@ void PortQueue::PromptNext(std::size_t count, TimePoint since, TimePoint now) {
     m_lastPrompted = {now, u16{0}};
   }
   std::vector<u16> next;
-  for (auto at = m_resting.upper_bound(m_lastPrompted); at != m_resting.end() && next.size() < count; ++at) {
-    m_lastPrompted = *at;
-    if (m_ports.at(at->second).asked < since) {
-      next.push_back(at->second);
+  const auto end = Begin(PortState::LENT);
+  const Key from{PortState::RESTING, u8{0}, false, m_lastPrompted.first, m_lastPrompted.second};
+  for (auto at = m_order.upper_bound(from); at != end && next.size() < count; ++at) {
+    const u16 number = std::get<u16>(*at);
+    m_lastPrompted = {std::get<TimePoint>(*at), number};
+    if (m_ports.at(number).asked < since) {
+      next.push_back(number);
     }
   }
   for (const u16 number : next) {
@@ -100,6 +106,9 @@ void PortQueue::Act(u16 number, Port& port, PortAction action, TimePoint now) {
     case PortAction::BEHIND:
       port.passes = static_cast<u8>(std::min(port.passes + 1, 255));
       break;
+    case PortAction::LAPSE:
+      port.isAnswered = false;
+      [[fallthrough]];
     case PortAction::REST:
       port.turn = Place(number, now);
       port.passes = port.refusals = 0;
@@ -108,7 +117,7 @@ void PortQueue::Act(u16 number, Port& port, PortAction action, TimePoint now) {
       RestBriefly(number, port, now);
       break;
     case PortAction::HASTEN:
-      port.turn = std::min(port.turn, std::max(now, port.asked + (port.isKnown ? Gap() : ShortGap())));
+      port.turn = std::min(port.turn, std::max(now, port.asked + (port.isAnswered ? Gap() : ShortGap())));
       break;
     case PortAction::PROMPT:
       port.turn = std::min(port.turn, std::max(now, port.asked + ShortGap()));
@@ -134,20 +143,31 @@ void PortQueue::RestBriefly(u16 number, Port& port, TimePoint now) {
 Millis PortQueue::ShortGap() const { return std::min(kShortGap, Gap()); }
 
 u16 PortQueue::FirstDue(bool isUrgent) const {
+  const auto end = Begin(PortState::RESTING);
   const auto found =
-      std::find_if(m_due.begin(), m_due.end(), [&](const DueKey& key) { return std::get<bool>(key) != isUrgent; });
-  return std::get<u16>(found == m_due.end() ? *m_due.begin() : *found);
+      std::find_if(m_order.begin(), end, [&](const Key& key) { return std::get<bool>(key) != isUrgent; });
+  return found == end ? FirstDue() : std::get<u16>(*found);
 }
 
 std::optional<u16> PortQueue::LastPassed() const {
-  return m_due.empty() || std::get<u8>(*m_due.rbegin()) == 0 ? std::nullopt
-                                                             : std::optional(std::get<u16>(*m_due.rbegin()));
+  if (!HasDue()) {
+    return std::nullopt;
+  }
+  const Key& last = *std::prev(Begin(PortState::RESTING));
+  return std::get<u8>(last) == 0 ? std::nullopt : std::optional(std::get<u16>(last));
 }
 
-std::optional<u16> PortQueue::FirstKnownResting() const {
-  const auto known = std::find_if(m_resting.begin(), m_resting.end(),
-                                  [this](const auto& entry) { return m_ports.at(entry.second).isKnown; });
-  return known == m_resting.end() ? std::nullopt : std::optional(known->second);
+TimePoint PortQueue::NextTurn() const {
+  const auto next = Begin(PortState::RESTING);
+  return next == Begin(PortState::ASKED) ? TimePoint::max() : std::get<TimePoint>(*next);
+}
+
+std::optional<u16> PortQueue::FirstAnswered() const {
+  const auto end = Begin(PortState::LENT);
+  const auto found = std::find_if(m_order.begin(), end, [this](const Key& key) {
+    return std::get<u8>(key) == 0 && m_ports.at(std::get<u16>(key)).isAnswered;
+  });
+  return found == end ? std::nullopt : std::optional(std::get<u16>(*found));
 }
 
 }  // namespace stun

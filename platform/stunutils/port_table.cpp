@@ -4,6 +4,15 @@
 
 namespace stun {
 
+void PortTable::Add(u16 port, u8 owner, bool isMedia) {
+  const auto found = m_ports.find(port);
+  if (found != m_ports.end()) {
+    found->second.owners.push_back({owner, isMedia});
+  } else {
+    m_ports.emplace(port, Port{{{owner, isMedia}}, {}});
+  }
+}
+
 void PortTable::Remove(u16 port) {
   const auto found = m_ports.find(port);
   if (found == m_ports.end()) {
@@ -32,8 +41,8 @@ bool PortTable::IsSignalling(u16 port) const {
 }
 
 Mapping::News PortTable::Observe(u16 port, const Endpoint& mapped, const Endpoint& server) {
-  Mapping& mapping = m_ports.at(port).mapping;
-  m_knownSize += mapping.Mapped().Known() ? 0 : 1;
+  Mapping& known = m_ports.at(port).mapping;
+  Mapping mapping = known;  // until the lists have taken the port, for which they need memory
   const Mapping::News news = mapping.Observe(mapped, server);
   if (news == Mapping::News::CHANGED) {
     m_changed.insert(port);
@@ -43,6 +52,8 @@ Mapping::News PortTable::Observe(u16 port, const Endpoint& mapped, const Endpoin
   } else {
     m_unsettled.erase(port);
   }
+  m_knownSize += known.Mapped().Known() ? 0 : 1;
+  known = mapping;
   return news;
 }
 

@@ -16,7 +16,7 @@ namespace stun {
 class PortTable {
  public:
   // A registration of a port; several of the same port are kept.
-  void Add(u16 port, u8 owner, bool isMedia) { m_ports[port].owners.push_back({owner, isMedia}); }
+  void Add(u16 port, u8 owner, bool isMedia);
   // Takes back the latest registration. With the last one goes what was known.
   void Remove(u16 port);
   void Clear();
@@ -38,6 +38,7 @@ class PortTable {
   // The device is elsewhere: see Mapping::Forget.
   void Forget();
 
+  bool HasChanges() const { return !m_changed.empty(); }
   // Ports whose mapping has changed and is confirmed, since the last call, once for each of their registrations.
   std::list<std::pair<u16, u16>> TakeChanges();
 

@@ -44,12 +44,17 @@ class RawTransport : public Transport {
  public:
   RawTransport(UniqueFd socket, u32 localAddress) : m_socket(std::move(socket)), m_localAddress(localAddress) {}
 
-  void ListenTo(std::span<const Endpoint> servers) override {
+  int ListenTo(std::span<const Endpoint> servers) override {
     std::vector<sock_filter> program = AnswersOf(servers);
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
-    if (::setsockopt(m_socket.Get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) != 0) {
-      m_error = errno;  // more wake-ups than needed; the manager tells answers from the rest by itself
+    if (::setsockopt(m_socket.Get(), SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof(filter)) == 0) {
+      return 0;
     }
+    // The old filter, which would hide a new server, must go, at the price of more wake-ups: answers are told from the
+    // rest later as well.
+    const int error = errno;
+    ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_DETACH_FILTER, nullptr, 0);
+    return error;
   }
 
   int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) override {
@@ -66,19 +71,19 @@ class RawTransport : public Transport {
   }
 
   void Release(u16) override {}
+  void ReleaseAll() override {}
 
   bool Receive(Datagram& datagram) override {
     std::array<u8, kLargestPacket> packet;
-    for (;;) {
-      const ssize_t size = ::recv(m_socket.Get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC);
-      if (size < 0 && errno != EINTR) {
-        return false;
-      }
-      if (size > 0 && static_cast<std::size_t>(size) <= packet.size() &&
-          ReadUdpPacket(std::span(packet).first(static_cast<std::size_t>(size)), datagram)) {
-        return true;
-      }
+    const ssize_t size = ::recv(m_socket.Get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (size < 0) {
+      return false;
     }
+    if (static_cast<std::size_t>(size) > packet.size() ||
+        !ReadUdpPacket(std::span(packet).first(static_cast<std::size_t>(size)), datagram)) {
+      datagram.payload.clear();
+    }
+    return true;
   }
 
   int PollFd() const override { return m_socket.Get(); }
@@ -100,7 +105,7 @@ std::unique_ptr<Transport> OpenRawTransport(u32 localAddress) {
     return nullptr;
   }
   auto transport = std::make_unique<RawTransport>(std::move(socket), localAddress);
-  transport->ListenTo({});
+  transport->ListenTo({});  // a failure is told when the servers are known
   return transport;
 }
 

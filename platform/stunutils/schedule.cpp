@@ -38,21 +38,17 @@ bool Schedule::IsAwaited(u16 number, const TransactionId& id) const {
 
 void Schedule::Apply(u16 number, PortEvent event, TimePoint now) {
   const PortAction action = m_ports.Apply(number, event, now);
-  if (action == PortAction::SEND) {
-    m_flights.try_emplace(number);
-  } else if (action == PortAction::NUDGE) {
-    Flight& flight = m_flights.at(number);
-    flight.isNudged = flight.next != TimePoint::max();
-  } else if (action != PortAction::NOTHING) {
+  if (action == PortAction::NUDGE) {
+    m_flights.at(number).isNudged = MaySend(number);
+  } else if (action != PortAction::NOTHING && action != PortAction::SEND) {
     EndFlight(number);
   }
 }
 
 void Schedule::EndFlight(u16 number) {
-  if (m_flights.erase(number) == 0) {
-    return;
+  if (auto flight = m_flights.extract(number)) {
+    m_ended.insert(std::move(flight));
   }
-  m_ended.push_back(number);
   if (m_canary == number) {
     m_canary.reset();
   }
@@ -60,8 +56,20 @@ void Schedule::EndFlight(u16 number) {
 
 void Schedule::EndFlights(PortEvent event, TimePoint now) {
   while (!m_flights.empty()) {
-    Apply(m_flights.begin()->first, event, now);
+    const u16 number = m_flights.begin()->first;
+    Apply(number, event, now);
+    EndFlight(number);
   }
+}
+
+std::vector<u16> Schedule::TakeEnded() {
+  std::vector<u16> ended;
+  ended.reserve(m_ended.size());
+  for (const auto& [number, flight] : m_ended) {
+    ended.push_back(number);
+  }
+  m_ended.clear();
+  return ended;
 }
 
 }  // namespace stun

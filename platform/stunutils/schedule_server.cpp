@@ -1,7 +1,5 @@
 #include "platform/stunutils/schedule.h"
 
-#include <algorithm>
-
 // The server: its steps, and the answers that lead to them.
 
 namespace stun {
@@ -21,23 +19,26 @@ void Schedule::SwitchServer(bool isFresh, TimePoint now) {
 }
 
 void Schedule::Mapped(u16 number, bool isDoubtful, TimePoint now) {
-  m_lastAnswer = now;
+  Answered(number, now);
   m_refusals = 0;
-  m_pace.Answered(now);
-  m_ports.SetKnown(number);
+  m_ports.SetAnswered(number);
   Apply(number, isDoubtful ? PortEvent::DOUBTFUL : PortEvent::MAPPED, now);
   Apply(ServerEvent::MAPPED, now);
 }
 
 void Schedule::Refused(u16 number, TimePoint now) {
-  m_lastAnswer = now;
-  m_pace.Answered(now);
+  Answered(number, now);
   if (IsServerHeard() && ++m_refusals < kRefusalsInARow) {
     Apply(number, PortEvent::REFUSED, now);
     return;
   }
   Apply(number, PortEvent::PASSED, now);
   Apply(ServerEvent::REFUSED, now);
+}
+
+void Schedule::Answered(u16 number, TimePoint now) {
+  m_lastAnswer = now;
+  m_pace.Answered(m_flights.at(number).sends - 1 + kDoubtfulSends * m_ports.Passes(number), now);
 }
 
 void Schedule::Apply(ServerEvent event, TimePoint now) {
@@ -52,9 +53,8 @@ void Schedule::Apply(ServerEvent event, TimePoint now) {
     case ServerAction::ASK_THE_REST:
       Open(PortEvent::SPARED, now);
       break;
-    case ServerAction::ASK_OTHERS:
-      EndFlights(PortEvent::PUT_BACK, now);
-      WakeKnownPort(now);
+    case ServerAction::ASK_KNOWN:
+      m_pauseEnd = TimePoint{};
       break;
     case ServerAction::ASK_ONE:
       PauseCanary(kCheckPause, now);
@@ -77,19 +77,15 @@ void Schedule::Apply(ServerEvent event, TimePoint now) {
   }
 }
 
-// The server is heard. Canaries are due, or wait for their turn, as the event says; requests under way go on.
-void Schedule::Open(PortEvent toCanaries, TimePoint now) {
+// The server is heard. Ports that asked for nothing are due, or wait for their turn, as the event says; requests under
+// way go on.
+void Schedule::Open(PortEvent toPassed, TimePoint now) {
   m_refusals = 0;
   m_pace = Pace();
   m_spent = TimePoint{};
   m_canary.reset();
-  for (auto& [number, flight] : m_flights) {
-    if (flight.next == TimePoint::max()) {
-      flight.next = std::max(now, flight.last + m_timing.rto);
-    }
-  }
-  while (const auto canary = m_ports.LastPassed()) {
-    Apply(*canary, toCanaries, now);
+  while (const auto passed = m_ports.LastPassed()) {
+    Apply(*passed, toPassed, now);
   }
 }
 
@@ -98,15 +94,6 @@ void Schedule::PauseCanary(Millis pause, TimePoint now) {
   EndFlights(PortEvent::PASSED, now);
   m_pauseBegan = now;
   m_pauseEnd = now + pause;
-}
-
-// A port that was answered before tells the server's silence from the doubted port's own.
-void Schedule::WakeKnownPort(TimePoint now) {
-  m_pauseEnd = TimePoint{};
-  const auto known = m_ports.IsFirstFresh() ? std::nullopt : m_ports.FirstKnownResting();
-  if (known) {
-    Apply(*known, PortEvent::TURN, now);
-  }
 }
 
 }  // namespace stun

@@ -7,10 +7,6 @@
 namespace stun {
 namespace {
 
-// A transaction sent this often for nothing, with nothing else heard meanwhile, speaks of the server: at 5 % loss each
-// way that happens by chance once in a thousand times.
-constexpr u32 kDoubtfulSends = 3;
-
 constexpr Millis kScanQuiet{250};
 constexpr Millis kShortPause{1000};
 
@@ -23,28 +19,25 @@ constexpr Millis kNudgeGap{400};
 
 }  // namespace
 
-void Schedule::Advance(TimePoint now, Turn& turn) {
+std::vector<Order> Schedule::Advance(TimePoint now) {
+  std::vector<Order> sends;
   RunScan(now);
   EndRests(now);
-  ExpireRequests(now, turn);
-  SendNudged(now, turn);
+  ExpireRequests(now, sends);
+  SendNudged(now, sends);
   if (IsServerHeard()) {
-    FillWindow(now, turn);
+    FillWindow(now, sends);
   } else {
-    SendCanary(now, turn);
+    SendCanary(now, sends);
   }
-  std::erase_if(turn.sends, [this](const Order& order) { return !IsAwaited(order.port, order.id); });
-  turn.ended.insert(turn.ended.end(), m_ended.begin(), m_ended.end());
-  m_ended.clear();
+  std::erase_if(sends, [this](const Order& order) { return !IsAwaited(order.port, order.id); });
+  return sends;
 }
 
 TimePoint Schedule::NextDeadline() const {
-  if (!m_ended.empty()) {
-    return TimePoint::min();
-  }
   TimePoint next = std::min(m_nextLaunch, m_scanDue);
   for (const auto& [number, flight] : m_flights) {
-    next = std::min({next, ExpiryTime(flight), NudgeTime(flight)});
+    next = std::min({next, ExpiryTime(number, flight), NudgeTime(flight)});
   }
   return std::min(next, m_ports.NextTurn());
 }
@@ -70,54 +63,58 @@ void Schedule::EndRests(TimePoint now) {
   }
 }
 
-void Schedule::ExpireRequests(TimePoint now, Turn& turn) {
+void Schedule::ExpireRequests(TimePoint now, std::vector<Order>& sends) {
   std::vector<std::pair<TimePoint, u16>> expired;
   for (const auto& [number, flight] : m_flights) {
-    if (flight.next <= now) {
+    if (ExpiryTime(number, flight) <= now) {
       expired.emplace_back(flight.next, number);
     }
   }
   std::sort(expired.begin(), expired.end());
   for (const auto& [time, number] : expired) {
     const auto flight = m_flights.find(number);
-    if (flight != m_flights.end() && ExpiryTime(flight->second) <= now) {
-      Expire(number, now, turn);
+    if (flight != m_flights.end() && ExpiryTime(number, flight->second) <= now) {
+      Expire(number, now, sends);
     }
   }
 }
 
-TimePoint Schedule::ExpiryTime(const Flight& flight) const {
-  return IsServerHeard() ? std::max(flight.next, m_pace.NextSend()) : flight.next;
+// The end of a request waits for nothing; another sending waits for the pace, and while the server is not heard it is
+// the canary's alone.
+TimePoint Schedule::ExpiryTime(u16 number, const Flight& flight) const {
+  const TimePoint end = flight.first + m_timing.mostHeld;
+  if (!MaySend(number)) {
+    return end;
+  }
+  const bool isPaced = IsServerHeard() && flight.sends < m_timing.sends;
+  return std::min(end, isPaced ? std::max(flight.next, m_pace.NextSend()) : flight.next);
 }
 
-void Schedule::Expire(u16 number, TimePoint now, Turn& turn) {
+void Schedule::Expire(u16 number, TimePoint now, std::vector<Order>& sends) {
   const Flight& flight = m_flights.at(number);
-  m_pace.Lost(now);
-  const bool isSilentByItself = IsServerHeard() && m_lastAnswer >= flight.first;
-  if (flight.sends >= m_timing.sends && isSilentByItself) {
-    Apply(number, PortEvent::UNANSWERED, now);
-  } else if (flight.sends >= m_timing.sends) {
-    Apply(number, PortEvent::PASSED, now);
-    Apply(ServerEvent::GIVEN_UP, now);
-  } else if (flight.sends == kDoubtfulSends && !isSilentByItself) {
-    if (IsServerHeard()) {
-      Apply(number, PortEvent::PASSED, now);
-    }
-    Apply(ServerEvent::UNANSWERED, now);
+  const bool isOver = flight.sends >= m_timing.sends || now >= flight.first + m_timing.mostHeld;
+  const bool isSilentByItself = IsSilentByItself(flight);
+  const bool isTelling = MaySend(number) && !isSilentByItself &&
+                         (isOver || flight.sends == (IsServerHeard() ? kDoubtfulSends : kSilentSends));
+  if (isOver) {
+    Apply(number, isSilentByItself ? PortEvent::UNANSWERED : PortEvent::PASSED, now);
+  }
+  if (isTelling) {
+    Apply(isOver ? ServerEvent::GIVEN_UP : ServerEvent::UNANSWERED, now);
   }
   const auto left = m_flights.find(number);
-  if (left != m_flights.end()) {
-    Send(number, left->second, now, turn);
-    SendCompanion(now, turn);
+  if (left != m_flights.end() && MaySend(number)) {
+    Send(number, left->second, now, sends);
+    SendCompanion(now, sends);
   }
 }
 
-void Schedule::SendNudged(TimePoint now, Turn& turn) {
+void Schedule::SendNudged(TimePoint now, std::vector<Order>& sends) {
   for (auto& [number, flight] : m_flights) {
     if (NudgeTime(flight) <= now) {
       flight.isNudged = false;
       flight.last = now;
-      turn.sends.push_back({number, flight.id, {}});
+      sends.push_back({number, flight.id, {}});
       Spend(now);
     }
   }
@@ -131,41 +128,44 @@ void Schedule::Spend(TimePoint now) {
   m_spent = std::max(m_spent, now) + (IsServerHeard() ? kCostHeard : kCostUnheard);
 }
 
-void Schedule::SendCanary(TimePoint now, Turn& turn) {
+void Schedule::SendCanary(TimePoint now, std::vector<Order>& sends) {
   m_nextLaunch = TimePoint::max();
-  if (!m_canary && !m_ports.HasDue() && !m_flights.empty()) {  // the canary has gone, its companions have not
-    auto& [number, flight] = *m_flights.begin();
-    m_canary = number;
-    flight.next = flight.last + m_timing.rto;
+  if (m_canary) {
+    return;
   }
-  if (m_canary || !m_ports.HasDue()) {
+  const auto answered = m_ports.FirstAnswered();
+  if (!answered && !m_ports.HasDue()) {
+    if (!m_flights.empty()) {  // the canary has gone, its companions have not
+      m_canary = m_flights.begin()->first;
+    }
     return;
   }
   if (now < m_pauseEnd) {
     m_nextLaunch = m_pauseEnd;
     return;
   }
-  m_canary = m_ports.FirstDue();
-  Launch(*m_canary, now, turn);
+  const u16 number = answered.value_or(m_ports.HasDue() ? m_ports.FirstDue() : u16{0});
+  Apply(number, PortEvent::CALLED, now);
+  Launch(number, now, sends);
+  m_canary = number;
 }
 
 // A port that asks once beside the canary: one of the other kind, where there is one, as a network may drop the
 // requests of one kind; else any that is due; else one that was answered before.
-void Schedule::SendCompanion(TimePoint now, Turn& turn) {
-  if (IsServerHeard() || !m_canary) {
+void Schedule::SendCompanion(TimePoint now, std::vector<Order>& sends) {
+  if (!m_canary) {
     return;
   }
-  if (!m_ports.HasDue()) {
-    WakeKnownPort(now);
+  const auto answered = m_ports.HasDue() ? std::nullopt : m_ports.FirstAnswered();
+  if (answered) {
+    Apply(*answered, PortEvent::TURN, now);
   }
   if (m_ports.HasDue()) {
-    const u16 number = m_ports.FirstDue(!m_ports.IsUrgent(*m_canary));
-    Launch(number, now, turn);
-    m_flights.at(number).next = TimePoint::max();
+    Launch(m_ports.FirstDue(!m_ports.IsUrgent(*m_canary)), now, sends);
   }
 }
 
-void Schedule::FillWindow(TimePoint now, Turn& turn) {
+void Schedule::FillWindow(TimePoint now, std::vector<Order>& sends) {
   m_nextLaunch = TimePoint::max();
   std::size_t fresh = 0;
   TimePoint room = TimePoint::max();
@@ -175,29 +175,47 @@ void Schedule::FillWindow(TimePoint now, Turn& turn) {
       room = std::min(room, flight.last + kFresh);
     }
   }
-  for (; m_ports.HasDue() && m_flights.size() < m_timing.mostUnderWay; ++fresh) {
+  for (; m_ports.HasDue(); ++fresh) {
     if (fresh >= kWindow || m_pace.NextSend() > now) {
       m_nextLaunch = fresh >= kWindow ? room : m_pace.NextSend();
       return;
     }
-    Launch(m_ports.FirstDue(), now, turn);
+    if (!MakeRoom(now)) {
+      return;
+    }
+    Launch(m_ports.FirstDue(), now, sends);
     room = std::min(room, now + kFresh);
   }
 }
 
-void Schedule::Launch(u16 number, TimePoint now, Turn& turn) {
-  Apply(number, PortEvent::ROOM, now);
-  Flight& flight = m_flights.at(number);
-  flight.id = NewTransactionId(m_random);
-  flight.first = now;
-  Send(number, flight, now, turn);
+// Where there is none, a port that is silent by itself leaves it to one that has not asked yet.
+bool Schedule::MakeRoom(TimePoint now) {
+  if (m_flights.size() < m_timing.mostUnderWay) {
+    return true;
+  }
+  const auto silent = std::find_if(m_flights.begin(), m_flights.end(), [this](const auto& flight) {
+    return flight.second.sends >= kDoubtfulSends && IsSilentByItself(flight.second);
+  });
+  if (silent == m_flights.end() || !m_ports.IsFirstFresh()) {
+    return false;
+  }
+  Apply(silent->first, PortEvent::OUTRUN, now);
+  return true;
 }
 
-void Schedule::Send(u16 number, Flight& flight, TimePoint now, Turn& turn) {
+void Schedule::Launch(u16 number, TimePoint now, std::vector<Order>& sends) {
+  Flight& flight = m_flights[number];
+  Apply(number, PortEvent::ROOM, now);
+  flight.id = NewTransactionId(m_random);
+  flight.first = now;
+  Send(number, flight, now, sends);
+}
+
+void Schedule::Send(u16 number, Flight& flight, TimePoint now, std::vector<Order>& sends) {
   flight.next = now + (flight.sends + 1 < m_timing.sends ? m_timing.rto * (1 << flight.sends) : m_timing.lastWait);
   ++flight.sends;
   flight.last = now;
-  turn.sends.push_back({number, flight.id, {}});
+  sends.push_back({number, flight.id, {}});
   if (IsServerHeard()) {
     m_pace.Sent(now);
   } else {

@@ -33,7 +33,7 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
   if (m_configured == servers) {
     return false;
   }
-  m_configured = servers;
+  m_configured.reset();  // until all is done, for which memory is needed
   std::vector<Server> before;
   before.swap(m_servers);
   for (const StunServInfo& info : servers) {
@@ -52,13 +52,14 @@ bool ServerList::Configure(const std::list<StunServInfo>& servers) {
       server.addresses = same->addresses;
       server.isReportedMissing = same->isReportedMissing;
     }
-    isNameNew = isNameNew || (server.isName && same == before.end());
+    isNameNew = isNameNew || (server.isName && server.addresses.empty());
   }
   if (isNameNew) {
     m_nextLookUp = TimePoint::min();
     m_retry = kFirstRetry;
   }
   Collect(std::nullopt);
+  m_configured = servers;
   return true;
 }
 

@@ -5,11 +5,12 @@
 
 namespace stun {
 
-// How the server that is asked stands. While it is not HEARD, single ports ask it, the canaries.
+// How the server that is asked stands. While it is not HEARD, single ports ask it, the canaries, and all other requests
+// under way wait.
 enum class ServerState : u8 {
   UNHEARD,   // nothing is known of it yet
   HEARD,     // it answers: all ports ask
-  DOUBTED,   // it answered before, but not what was sent three times
+  DOUBTED,   // it answered before, but not what was sent since
   SILENT,    // the canaries are not answered either
   REFUSING,  // it answers with nothing usable
 };
@@ -17,16 +18,16 @@ enum class ServerState : u8 {
 enum class ServerEvent : u8 {
   MAPPED,      // a usable answer came
   REFUSED,     // another answer came; of a HEARD server: the third such in a row
-  UNANSWERED,  // a request was sent three times and nothing was heard meanwhile
+  UNANSWERED,  // a request was sent twice, the canary's three times, and nothing was heard meanwhile
   GIVEN_UP,    // a transaction is over and nothing was heard meanwhile
   SWITCHED,    // another server is asked from now on
 };
 
 enum class ServerAction : u8 {
   NOTHING,
-  ASK_ALL,       // canaries that were not answered are due again
-  ASK_THE_REST,  // such canaries wait for their turn: they are silent, not the server
-  ASK_OTHERS,    // requests under way are put back; another port is the canary
+  ASK_ALL,       // ports that asked for nothing are due again
+  ASK_THE_REST,  // such ports wait for their turn: they are silent, not the server
+  ASK_KNOWN,     // a port that was answered before is the canary: it tells the server's silence from the others' own
   ASK_ONE,       // requests under way are put back; a canary after a short pause
   TELL,          // the owner reports the silence, and asks a server that has not been tried
   GIVE_UP,       // a canary after a pause; the owner reports the silence, and asks the next server
@@ -50,8 +51,8 @@ inline constexpr ServerStep kServerSteps[] = {
     {ServerState::UNHEARD, ServerEvent::SWITCHED, ServerState::UNHEARD, ServerAction::BEGIN},
 
     {ServerState::HEARD, ServerEvent::REFUSED, ServerState::REFUSING, ServerAction::ASK_ONE},
-    {ServerState::HEARD, ServerEvent::UNANSWERED, ServerState::DOUBTED, ServerAction::ASK_OTHERS},
-    {ServerState::HEARD, ServerEvent::GIVEN_UP, ServerState::DOUBTED, ServerAction::ASK_OTHERS},
+    {ServerState::HEARD, ServerEvent::UNANSWERED, ServerState::DOUBTED, ServerAction::ASK_KNOWN},
+    {ServerState::HEARD, ServerEvent::GIVEN_UP, ServerState::DOUBTED, ServerAction::ASK_KNOWN},
     {ServerState::HEARD, ServerEvent::SWITCHED, ServerState::UNHEARD, ServerAction::BEGIN},
 
     {ServerState::DOUBTED, ServerEvent::MAPPED, ServerState::HEARD, ServerAction::ASK_THE_REST},

@@ -1,6 +1,7 @@
 #include "platform/stunutils/stun_logger.h"
 
 #include <atomic>
+#include <new>
 
 #include "platform/journal.h"
 #include "platform/sockets/inet.h"
@@ -18,9 +19,14 @@ void StunLogger::Destroy() { s_created = false; }
 
 namespace stun {
 
-void Notice(std::string_view text) {
-  if (s_created) {
+void Notice(std::string_view text) noexcept {
+  if (!s_created) {
+    return;
+  }
+  try {
     JournalNotice(std::string("stun: ").append(text));
+  } catch (const std::bad_alloc&) {
+    JournalNotice(text);
   }
 }
 

@@ -78,9 +78,17 @@ struct StunManager::Impl {
     return transport;
   }
 
-  bool BeginThread(std::unique_ptr<stun::Transport> transport) NAT_REQUIRES(control) {
+  bool Begin(u32 address, std::unique_ptr<stun::Transport> transport) NAT_REQUIRES(control) {
     try {
-      thread = std::thread([this, worker = std::make_unique<stun::Worker>(shared, std::move(transport))] {
+      const bool takesPorts = transport->TakesPorts();
+      auto worker = std::make_unique<stun::Worker>(shared, std::move(transport));
+      {
+        const ScopedLock lock(shared.lock);
+        shared.stop = false;
+        shared.learner.Begin(takesPorts, localAddress != address, Clock::now());
+        localAddress = address;
+      }
+      thread = std::thread([this, worker = std::move(worker)] {
         stun::BlockSignals();
         {
           const ScopedLock lock(shared.lock);
@@ -91,8 +99,8 @@ struct StunManager::Impl {
         ownThread = {};
       });
       return true;
-    } catch (const std::system_error& error) {
-      Problem(std::string("cannot start a thread: ") + error.what());
+    } catch (const std::exception& error) {  // no thread, or no memory
+      Problem(std::string("cannot start learning: ") + error.what());
       return false;
     }
   }
@@ -114,17 +122,11 @@ bool StunManager::Start(bool, bool) {
   }
   const u32 address = uplink.address;
   auto transport = m_impl->OpenTransport(address);
-  if (transport == nullptr || !m_impl->shared.wake) {
+  if (transport == nullptr) {
     return false;
   }
   m_impl->EndThread();
-  {
-    const ScopedLock lock(m_impl->shared.lock);
-    m_impl->shared.stop = false;
-    m_impl->shared.learner.Begin(transport->TakesPorts(), m_impl->localAddress != address, Clock::now());
-    m_impl->localAddress = address;
-  }
-  return m_impl->BeginThread(std::move(transport));
+  return m_impl->Begin(address, std::move(transport));
 }
 
 void StunManager::Stop(bool) {

@@ -43,6 +43,7 @@ class StunManager {
   // with those found about then, at most one report a second; the first mapping of a port is none.
   using ChangedPortsCallback = void (*)(void* context, std::list<std::pair<u16, u16>>& changedPorts);
 
+  // Throws when there is no memory or no descriptor.
   StunManager(bool, bool);
   virtual ~StunManager();
   StunManager(const StunManager&) = delete;
@@ -51,8 +52,8 @@ class StunManager {
   // Starts learning on the current uplink address (that of the default route), without waiting for any answer or
   // look-up; on a running manager, starts over there. Mappings learnt from another address are not answered any more,
   // but what is learnt next is compared with them, so that a changed public side is reported. False when it cannot (no
-  // uplink, no socket, no thread), which leaves a running manager as it was, but for a thread refused; and from the
-  // callback.
+  // uplink, no socket, no thread, no memory), which the journal is told, and from the callback. A running manager then
+  // goes on as it was, or, when there is no thread or no memory, has ended.
   bool Start(bool, bool);
 
   // Stops learning. No callback runs any more once it has returned: one that runs is waited for. Called from the
@@ -86,7 +87,7 @@ class StunManager {
   void SetChangedPortsCallback(ChangedPortsCallback callback, void* context);
 
   // Takes new servers and numbers at any time: the probe period in seconds (0: 25), the sends per probe (0: 7) and the
-  // initial retransmission time-out in milliseconds (0: 500), brought into 1 to 86400, 1 to 16 and 10 to 60000. Other
+  // initial retransmission time-out in milliseconds (0: 500), brought into 1 to 86400, 2 to 16 and 10 to 60000. Other
   // servers than before are asked for every port at once. What cannot be a server is told to the journal and left out.
   void UpdateSettings(const std::list<StunServInfo>& servers, u32 periodSeconds, u32 sends, u32 rtoMs);
 

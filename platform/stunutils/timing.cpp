@@ -19,14 +19,15 @@ Timing MakeTiming(const Settings& settings, bool takesPorts) {
   Timing timing;
   timing.period = Millis{1000LL * InReason(settings.periodSeconds, 25, 1, 86400)};
   timing.rto = Millis{InReason(settings.rtoMs, 500, 10, 60000)};
-  timing.sends = InReason(settings.sends, 7, 1, 16);
+  timing.sends = InReason(settings.sends, 7, 2, 16);
   timing.lastWait = timing.rto * 16;  // RFC 8489, 6.2.1: Rm
   if (takesPorts) {
     timing.rto = std::min(timing.rto, kLongestBoundRto);
     timing.sends = std::min(timing.sends, kBoundSends);
     timing.lastWait = timing.rto * 2;
+    timing.mostHeld = kMostHeld;
     timing.canaryPause = timing.period;
-    timing.mostUnderWay = 64;
+    timing.mostUnderWay = 60;
   }
   return timing;
 }

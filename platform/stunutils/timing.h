@@ -19,8 +19,10 @@ struct Timing {
   Millis rto{500};
   u32 sends = 7;
   Millis lastWait{8000};
-  Millis canaryPause{1000};        // from a canary nobody answered to the next
-  std::size_t mostUnderWay = 256;  // transactions: if all were answered at once, the answers would still fit
+  Millis mostHeld{std::chrono::hours{24}};  // a transaction is over then, however often it was sent
+  Millis canaryPause{1000};                 // from a canary nobody answered to the next
+  // Transactions: if all were answered at once, with 16 of a canary and its companions, the answers would still fit.
+  std::size_t mostUnderWay = 240;
 };
 
 // What UpdateSettings was last given.
@@ -31,8 +33,10 @@ struct Settings {
   u32 rtoMs = 0;
 };
 
-// The timing they ask for. When a transaction takes the port from its owner it lasts 2.5 s at most, and a silent server
-// is asked rarely.
+// The longest that a transaction keeps a port from its owner, where it does.
+inline constexpr Millis kMostHeld{2500};
+
+// The timing they ask for. When a transaction takes the port from its owner, a silent server is asked rarely.
 Timing MakeTiming(const Settings& settings, bool takesPorts);
 
 // When a port that was asked for about now is to be asked for again: each port has its own place in the period.

@@ -24,17 +24,19 @@ class Transport {
   Transport(const Transport&) = delete;
   Transport& operator=(const Transport&) = delete;
 
-  // Datagrams of others than these are of no interest from now on.
-  virtual void ListenTo(std::span<const Endpoint> servers) = 0;
+  // Datagrams of others than these are of no interest from now on. 0, or why those of others come all the same, an
+  // errno.
+  virtual int ListenTo(std::span<const Endpoint> servers) = 0;
 
   // 0, or why the port cannot be used, an errno; EADDRINUSE: it is its owner's alone. 0 is no promise: what the network
   // refuses is as good as lost.
   virtual int Send(u16 localPort, const Endpoint& server, std::span<const u8> message) = 0;
 
-  // Nothing is awaited for the port any more.
+  // Nothing is awaited for the port, or any port, any more.
   virtual void Release(u16 localPort) = 0;
+  virtual void ReleaseAll() = 0;
 
-  // Takes one datagram; false when none waits.
+  // Takes one datagram, without payload when it cannot be read whole; false when none waits.
   virtual bool Receive(Datagram& datagram) = 0;
 
   // Readable while datagrams wait.

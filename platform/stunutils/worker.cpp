@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <system_error>
 
 #include "platform/stunutils/diagnostics.h"
 
@@ -13,6 +15,7 @@ namespace {
 
 // How many datagrams are taken before what is due is sent: as many as can be awaited.
 constexpr std::size_t kMostArrivals = Schedule::kWindow;
+constexpr Millis kRest{200};
 
 int PollTimeout(TimePoint deadline) {
   if (deadline == TimePoint::max()) {
@@ -24,7 +27,11 @@ int PollTimeout(TimePoint deadline) {
 
 }  // namespace
 
-Shared::Shared() : learner(KernelRandom), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+Shared::Shared() : learner(KernelRandom), wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!wake) {
+    throw std::system_error(errno, std::generic_category(), "STUN has no eventfd");
+  }
+}
 
 void Shared::Wake() const {
   const u64 one = 1;
@@ -32,40 +39,65 @@ void Shared::Wake() const {
   [[maybe_unused]] const ssize_t written = ::write(wake.Get(), &one, sizeof(one));
 }
 
+void Shared::TakeWake() const {
+  u64 count = 0;
+  // Fails when nobody has woken the thread.
+  [[maybe_unused]] const ssize_t taken = ::read(wake.Get(), &count, sizeof(count));
+}
+
+bool Shared::IsStopping() {
+  const ScopedLock guard(lock);
+  return stop;
+}
+
 Worker::Worker(Shared& shared, std::unique_ptr<Transport> transport)
     : m_shared(shared), m_transport(std::move(transport)), m_lookUp([&shared] { shared.Wake(); }) {}
 
 void Worker::Run() {
   bool goesOn = true;
+  bool isWhole = true;  // what the last turn took from the learner has been done
   while (goesOn) {
     try {
+      if (!isWhole) {
+        BeginAnew();
+        isWhole = true;
+      }
       Wait();
       Receive();
       const bool isStopping = !TakeTurn();
       goesOn = Report() && !isStopping;
     } catch (...) {
       Notice("out of memory: a turn is given up");
+      isWhole = false;
       goesOn = Rest();
     }
   }
 }
 
-// For a second, so that a turn that fails does not fail over and over; a stop ends it. False then.
-bool Worker::Rest() {
-  constexpr int kRestMs = 1000;
-  pollfd wake{m_shared.wake.Get(), POLLIN, 0};
-  ::poll(&wake, 1, kRestMs);
+// What a turn that was given up has lost is decided again.
+void Worker::BeginAnew() {
+  m_transport->ReleaseAll();
+  m_unavailable.clear();
+  m_deadline = TimePoint::min();
   const ScopedLock lock(m_shared.lock);
-  return !m_shared.stop;
+  m_shared.learner.Begin(m_transport->TakesPorts(), false, Clock::now());
+}
+
+// For a while, so that a turn that fails does not fail over and over; a stop ends it. False then.
+bool Worker::Rest() {
+  const TimePoint end = Clock::now() + kRest;
+  while (!m_shared.IsStopping() && Clock::now() < end) {
+    pollfd wake{m_shared.wake.Get(), POLLIN, 0};
+    ::poll(&wake, 1, PollTimeout(end));
+    m_shared.TakeWake();
+  }
+  return !m_shared.IsStopping();
 }
 
 void Worker::Wait() {
   std::array<pollfd, 2> waiting{pollfd{m_shared.wake.Get(), POLLIN, 0}, pollfd{m_transport->PollFd(), POLLIN, 0}};
   ::poll(waiting.data(), waiting.size(), PollTimeout(m_deadline));
-  if (waiting[0].revents != 0) {
-    u64 count = 0;
-    [[maybe_unused]] const ssize_t read = ::read(m_shared.wake.Get(), &count, sizeof(count));
-  }
+  m_shared.TakeWake();
 }
 
 void Worker::Receive() {
@@ -105,7 +137,7 @@ bool Worker::TakeTurn() {
     }
   }
   if (turn.areServersNew) {
-    m_transport->ListenTo(servers);
+    m_unfiltered = m_transport->ListenTo(servers);
   }
   if (!turn.names.empty()) {
     m_lookUp.Begin(std::move(turn.names));
@@ -130,7 +162,6 @@ bool Worker::Report() {
   const int error = m_transport->TakeError();
   const TimePoint now = Clock::now();
   std::list<std::pair<u16, u16>> changes;
-  std::vector<std::string> lines;
   StunManager::ChangedPortsCallback callback = nullptr;
   void* context = nullptr;
   bool isStopping = false;
@@ -143,18 +174,27 @@ bool Worker::Report() {
     if (error != 0) {
       learner.SendFailed(error, now);
     }
+    if (m_unfiltered != 0) {
+      learner.Problem("each datagram to the device is read, as there is no filter: " +
+                          std::generic_category().message(m_unfiltered),
+                      now);
+      m_unfiltered = 0;
+    }
+    if (m_lines.empty()) {  // else they are of a turn that was given up
+      m_lines = learner.TakeLines(now);
+    }
     isStopping = m_shared.stop;
     if (!isStopping) {
       changes = learner.TakeChanges(now);
     }
-    lines = learner.TakeLines(now);
     m_deadline = learner.NextDeadline();
     callback = m_shared.callback;
     context = m_shared.context;
   }
-  for (const std::string& line : lines) {
+  for (const std::string& line : m_lines) {
     Notice(line);
   }
+  m_lines.clear();
   if (callback != nullptr && !changes.empty()) {
     callback(context, changes);
   }

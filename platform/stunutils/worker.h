@@ -17,7 +17,7 @@ namespace stun {
 // Shared by the manager's callers and its thread. The lock is held briefly, never while anything is
 // waited for, sent, written or called back.
 struct Shared {
-  Shared();
+  Shared();  // throws a system_error when there is no descriptor left
 
   ThreadMutex lock;
   Learner learner NAT_GUARDED_BY(lock);
@@ -30,6 +30,8 @@ struct Shared {
 
   // The thread looks at all of the above again. Any thread.
   void Wake() const;
+  void TakeWake() const;
+  bool IsStopping();
 };
 
 // The learner's hands: sends, receives, waits, writes the journal and calls back, on the thread that calls Run.
@@ -37,10 +39,12 @@ class Worker {
  public:
   Worker(Shared& shared, std::unique_ptr<Transport> transport);
 
-  // Works until `stop` is set. Throws nothing: a turn that finds no memory is reported and given up.
+  // Works until `stop` is set. Throws nothing: a turn that finds no memory is reported and given up; a moment later
+  // learning begins anew.
   void Run();
 
  private:
+  void BeginAnew();
   void Wait();
   void Receive();
   bool TakeTurn();
@@ -53,9 +57,12 @@ class Worker {
   NameLookUp m_lookUp;
   TimePoint m_deadline = TimePoint::min();
 
+  std::vector<std::string> m_lines;  // not in the journal yet
+
   // Of one turn.
   std::vector<Arrival> m_arrivals;
   std::vector<std::pair<u16, int>> m_unavailable;  // ports, each with an errno
+  int m_unfiltered = 0;                            // why there is no filter, an errno
 };
 
 }  // namespace stun

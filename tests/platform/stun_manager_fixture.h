@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 #include <poll.h>
+#include <sys/syscall.h>
 
 #include <algorithm>
 #include <atomic>
@@ -40,13 +42,14 @@ inline int BoundSocket(const char* address, u16 port) {
 class StunResponder {
  public:
   std::atomic<int> offset = 1000;  // from the client's port to the one on 203.0.113.2 it is mapped to
-  std::atomic<int> oddOffset = 0;  // the next answer's, beside
   std::atomic<bool> isSilent = false;
   std::atomic<bool> hasOtherId = false;
   std::atomic<int> socket;  // that answers
 
-  explicit StunResponder(const char* address)
-      : socket(BoundSocket(address, 3478)), m_socket(socket), m_thread([this] { Run(); }) {}
+  // `begin` is called first on the server's thread.
+  explicit StunResponder(
+      const char* address, void (*begin)() = [] {})
+      : socket(BoundSocket(address, 3478)), m_socket(socket), m_thread([this, begin] { begin(), Run(); }) {}
   ~StunResponder() {
     ::shutdown(m_socket, SHUT_RDWR);
     m_thread.join();
@@ -68,7 +71,7 @@ class StunResponder {
     while (::recvfrom(m_socket, request, sizeof(request), 0, to, &size) > 0) {
       const std::lock_guard lock(m_mutex);
       m_asked.push_back(ntohs(from.sin_port));
-      const int port = m_asked.back() + offset + oddOffset.exchange(0);
+      const int port = m_asked.back() + offset;
       std::vector<u8> answer{1, 1, 0, 12};
       answer.insert(answer.end(), request + 4, request + 20);
       answer.insert(answer.end(),
@@ -163,13 +166,27 @@ class StunManagerTest : public NamespaceTest {
   std::optional<StunManager> manager;
   testing::Matcher<std::string> said = "";  // in the journal, by the end of the test
 
- private:
+  // Without CAP_NET_RAW, for threads started meanwhile too.
+  static void BeUnableToBeRaw(bool isUnable) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2];
+    ASSERT_EQ(::syscall(SYS_capget, &header, data), 0);
+    data[0].effective = isUnable ? data[0].effective & ~(1U << CAP_NET_RAW) : data[0].permitted;
+    ASSERT_EQ(::syscall(SYS_capset, &header, data), 0);
+  }
+
+  Changes TakeReported() {
+    const std::lock_guard lock(m_mutex);
+    return std::exchange(m_reported, {});
+  }
+
   static void Report(void* test, Changes& changes) {
     const std::lock_guard lock(static_cast<StunManagerTest*>(test)->m_mutex);
     auto& reported = static_cast<StunManagerTest*>(test)->m_reported;
-    reported.insert(reported.end(), changes.begin(), changes.end());
+    reported.splice(reported.end(), changes);  // without memory
   }
 
+ private:
   int m_home = -1;
   std::mutex m_mutex;
   Changes m_reported;

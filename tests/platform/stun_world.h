@@ -48,7 +48,6 @@ struct World {
   std::vector<Millis> reports;
   std::vector<std::pair<u16, u16>> changes;
   std::size_t mostUnderWay = 0;
-  Millis longestHeld{0};  // a port by requests to one server
 
   explicit World(const std::string& servers = "198.51.100.1", u32 period = 25, bool takesPorts = false) {
     learner.Configure({{{servers, "3478"}}, period, 0, 0}, now);
@@ -69,6 +68,14 @@ struct World {
   std::size_t Said(const std::string& text) const {
     const auto holds = [&](const std::string& line) { return line.find(text) != std::string::npos; };
     return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), holds));
+  }
+  // A port by requests to one server.
+  Millis LongestHeld() const {
+    Millis longest = m_longestHeld;
+    for (const auto& [port, held] : m_held) {
+      longest = std::max(longest, Time() - held.second);
+    }
+    return longest;
   }
   u16 PublicPort(u16 port) const { return learner.Find(port).Mapped().port; }
 
@@ -110,7 +117,7 @@ struct World {
     for (const u16 port : turn.ended) {
       const auto held = m_held.find(port);
       if (held != m_held.end()) {
-        longestHeld = std::max(longestHeld, Time() - held->second.second);
+        m_longestHeld = std::max(m_longestHeld, Time() - held->second.second);
         m_held.erase(held);
       }
     }
@@ -149,6 +156,7 @@ struct World {
 
   std::multimap<TimePoint, Arrival> m_arrivals;
   std::map<u16, std::pair<Endpoint, Millis>> m_held;  // by requests under way
+  Millis m_longestHeld{0};
 };
 
 }  // namespace stun

@@ -7,12 +7,14 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
 #include <cstdlib>
+#include <initializer_list>
 #include <mutex>
 #include <new>
 
@@ -30,10 +32,10 @@ bool AllocationFails() {
   return Fails(Fault::ALLOCATION) || (s_fault == Fault::ALLOCATIONS && !s_spared && --s_left <= 0);
 }
 
-bool RunsOut() {
-  const bool fails = Fails(Fault::DESCRIPTOR);
+bool RunsOut(std::initializer_list<Fault> ways) {
+  const bool fails = std::any_of(ways.begin(), ways.end(), Fails);
   if (fails) {
-    errno = EMFILE;
+    errno = static_cast<int>(s_fault.load());
   }
   return fails;
 }
@@ -56,20 +58,18 @@ class Next {
   Function* m_function = nullptr;
 };
 
-constinit Next<int(int, int, int)> s_socket("socket");
-constinit Next<int(int, sockaddr*, socklen_t*, int)> s_accept4("accept4");
-constinit Next<int(unsigned, int)> s_eventfd("eventfd");
-constinit Next<int(int)> s_epollCreate1("epoll_create1");
 constinit Next<int(const char*, int, ...)> s_open("open");
-constinit Next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> s_pthreadCreate("pthread_create");
+constinit Next<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> s_pthread_create("pthread_create");
 
-[[gnu::constructor]] void FindAll() {
-  static_cast<void>(*s_socket);
-  static_cast<void>(*s_accept4);
-  static_cast<void>(*s_eventfd);
-  static_cast<void>(*s_epollCreate1);
-  static_cast<void>(*s_open);
-  static_cast<void>(*s_pthreadCreate);
+// A call that makes a descriptor, and one that works with it.
+template <class Function, class... Arguments>
+int Make(Next<Function>& next, Arguments... arguments) {
+  return RunsOut({Fault::DESCRIPTOR, Fault::NO_MEMORY}) ? -1 : (*next)(arguments...);
+}
+template <class Function, class... Arguments>
+auto Use(Next<Function>& next, Arguments... arguments) {
+  using Result = decltype((*next)(arguments...));
+  return RunsOut({Fault::NO_MEMORY, Fault::NO_BUFFERS}) ? Result{-1} : (*next)(arguments...);
 }
 
 void* Allocate(std::size_t size) {
@@ -113,9 +113,11 @@ void interposed::Arm(Fault fault, int nth) {
   s_fault = fault;
 }
 
+bool interposed::HasFailed() { return s_left <= 0; }
+
 bool interposed::Disarm() {
   s_fault = Fault::NONE;
-  return s_left <= 0;
+  return HasFailed();
 }
 
 void interposed::SpareThisThread(bool spared) { s_spared = spared; }
@@ -148,34 +150,60 @@ void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
 
-extern "C" {
+// A function of the C library, taken over: which way, its result, name, parameters and arguments.
+#define TAKE_OVER(how, result, name, parameters, ...)       \
+  static constinit Next<result parameters> s_##name(#name); \
+  extern "C" result name parameters { return how(s_##name, __VA_ARGS__); }
 
-int socket(int domain, int type, int protocol) noexcept { return RunsOut() ? -1 : (*s_socket)(domain, type, protocol); }
+TAKE_OVER(Make, int, socket, (int domain, int type, int protocol) noexcept, domain, type, protocol)
+TAKE_OVER(Make, int, accept4, (int fd, sockaddr* from, socklen_t* size, int flags), fd, from, size, flags)
+TAKE_OVER(Make, int, eventfd, (unsigned count, int flags) noexcept, count, flags)
+TAKE_OVER(Make, int, epoll_create1, (int flags) noexcept, flags)
+TAKE_OVER(Use, int, bind, (int fd, const sockaddr* at, socklen_t size) noexcept, fd, at, size)
+TAKE_OVER(Use, int, connect, (int fd, const sockaddr* to, socklen_t size), fd, to, size)
+TAKE_OVER(Use, int, setsockopt, (int fd, int level, int name, const void* value, socklen_t size) noexcept, fd, level,
+          name, value, size)
+TAKE_OVER(Use, int, epoll_ctl, (int poller, int what, int fd, epoll_event* event) noexcept, poller, what, fd, event)
+TAKE_OVER(Use, ssize_t, send, (int fd, const void* data, std::size_t size, int flags), fd, data, size, flags)
+TAKE_OVER(Use, ssize_t, sendto,
+          (int fd, const void* data, std::size_t size, int flags, const sockaddr* to, socklen_t toSize), fd, data, size,
+          flags, to, toSize)
+TAKE_OVER(Use, ssize_t, recv, (int fd, void* data, std::size_t size, int flags), fd, data, size, flags)
+TAKE_OVER(Use, ssize_t, recvfrom,
+          (int fd, void* data, std::size_t size, int flags, sockaddr* from, socklen_t* fromSize), fd, data, size, flags,
+          from, fromSize)
 
-int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
-  return RunsOut() ? -1 : (*s_accept4)(listener, address, length, flags);
+template <class... Each>
+static void Find(Each&... each) {
+  (static_cast<void>(*each), ...);
 }
 
-int eventfd(unsigned count, int flags) noexcept { return RunsOut() ? -1 : (*s_eventfd)(count, flags); }
+[[gnu::constructor]] static void FindAll() {
+  Find(s_socket, s_accept4, s_eventfd, s_epoll_create1, s_open, s_pthread_create, s_bind, s_connect, s_setsockopt,
+       s_epoll_ctl, s_send, s_sendto, s_recv, s_recvfrom);
+}
 
-int epoll_create1(int flags) noexcept { return RunsOut() ? -1 : (*s_epollCreate1)(flags); }
+extern "C" {
 
 int open(const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
   const mode_t mode = va_arg(arguments, mode_t);  // not read where there is none
   va_end(arguments);
-  return RunsOut() ? -1 : (*s_open)(path, flags, mode);
+  return Make(s_open, path, flags, mode);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                    void* argument) noexcept {
+  if (RunsOut({Fault::THREAD})) {
+    return EAGAIN;
+  }
   const std::lock_guard lock(s_gate.mutex);
   if (s_spared || s_gate.toHold == 0) {
-    return (*s_pthreadCreate)(thread, attributes, function, argument);
+    return (*s_pthread_create)(thread, attributes, function, argument);
   }
   --s_gate.toHold;
-  return (*s_pthreadCreate)(thread, attributes, BeginHeld, new Held{function, argument, s_gate.released});
+  return (*s_pthread_create)(thread, attributes, BeginHeld, new Held{function, argument, s_gate.released});
 }
 
 }  // extern "C"

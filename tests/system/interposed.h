@@ -1,14 +1,26 @@
 #pragma once
 
-// What the library under test asks of the C and C++ libraries, taken over by the test program: allocations and
-// descriptors that fail, and threads that begin late.
+#include <cerrno>
+
+// What the library under test asks of the C and C++ libraries, taken over by the test program: allocations,
+// descriptors, calls of the network and threads that fail, and threads that begin late.
 namespace interposed {
 
-enum class Fault { NONE, ALLOCATION, DESCRIPTOR, ALLOCATIONS };
+// The kernel's are the errno of the call that fails.
+enum class Fault {
+  NONE,
+  ALLOCATION,
+  ALLOCATIONS,
+  THREAD = EAGAIN,
+  NO_MEMORY = ENOMEM,
+  DESCRIPTOR = EMFILE,
+  NO_BUFFERS = ENOBUFS
+};
 
-// The nth (from 1) allocation, or call that makes a descriptor, fails from now on; ALLOCATIONS: and each one after it.
-// Those of a spared thread do not count.
+// The nth (from 1) allocation, or call that may so fail, fails from now on; ALLOCATIONS: and each one after it. Those
+// of a spared thread do not count.
 void Arm(Fault fault, int nth);
+bool HasFailed();
 // No fault any more; whether there was one.
 bool Disarm();
 

@@ -17,8 +17,7 @@
 
 #include "client/natclient.h"
 #include "nat/host_config.h"
-
-inline constexpr int kPatienceMs = 20000;
+#include "tests/system/left_behind.h"
 
 // Two records; every reload changes to the other one, as a host does it: on its own thread, inside UpdateNatMain.
 class Source final : public ConfigSource {
@@ -53,25 +52,6 @@ class Source final : public ConfigSource {
   std::array<NatConfig, 2> m_nat;
   std::array<HostConfig, 2> m_config;
 };
-
-inline std::size_t EntriesOf(const char* directory) {
-  std::size_t entries = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory)) {
-    ++entries;
-  }
-  return entries;
-}
-
-// Threads that have been joined leave /proc a moment later.
-inline std::size_t ThreadsAtMost(std::size_t expected) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-  std::size_t threads = EntriesOf("/proc/self/task");
-  while (threads > expected && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::yield();
-    threads = EntriesOf("/proc/self/task");
-  }
-  return threads;
-}
 
 class LibraryTest : public testing::Test {
  protected:
