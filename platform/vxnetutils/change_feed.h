@@ -6,7 +6,8 @@
 // rules, nexthops, per-link IPv4 settings. One thread at a time.
 //
 // The kernel queues its message before any route look-up can give another answer, so an answer obtained after a QUIET
-// holds as long as the feed stays quiet.
+// holds as long as the feed stays quiet. It does so before the system call that makes the change returns: whoever sends
+// a message after that call has the change read before the message is answered, when Read comes after the receiving.
 class ChangeFeed {
  public:
   enum class State {
