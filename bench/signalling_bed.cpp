@@ -160,7 +160,7 @@ Daemon::~Daemon() {
 }
 
 Line Daemon::Connect(int queue) const {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   for (;;) {
     UniqueFd socket = TryConnect(m_directory + "/queue-" + std::to_string(queue));
     if (socket) {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <cstddef>
-#include <list>
 #include <map>
+#include <vector>
 
 #include "nat/nat_records.h"
 
@@ -41,7 +41,7 @@ class ReverseNatManager {
 
   void TellManyIds();
 
-  std::map<u64, std::list<NatItem>> revTargets;
+  std::map<u64, std::vector<NatItem>> revTargets;
   std::map<Endpoint, Endpoint> revMappings;  // public -> local
   std::size_t m_manyIds = kFirstManyIds;     // the number that the journal says next
 };

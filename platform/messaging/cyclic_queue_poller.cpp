@@ -64,7 +64,9 @@ void CyclicQueuePoller::Impl::Ask() {
     Mark(events[i].data.u64);
   }
   for (Selected& selected : queues) {
-    selected.queue->EndRest();
+    if (selected.queue->IsResting()) {
+      selected.queue->EndRest();
+    }
     selected.ready = selected.ready || selected.queue->HasMore();
   }
   next = 0;

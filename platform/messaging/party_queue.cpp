@@ -172,7 +172,7 @@ void PartyQueue::Rest() {
 }
 
 void PartyQueue::EndRest() {
-  if (m_resting && std::chrono::steady_clock::now() >= m_restEnd) {
+  if (std::chrono::steady_clock::now() >= m_restEnd) {
     m_resting = !ControlEpoll(EPOLL_CTL_MOD, m_socket->Get(), LISTENER, EPOLLIN);
   }
 }

@@ -86,7 +86,7 @@ class PartyQueue {
   void AdoptWaiting();
 
   // For a poller: whether the listener is left alone because the process is out of descriptors. EndRest watches it
-  // again once kRest is over, so it is to be called from time to time.
+  // again once kRest is over, so it is to be called from time to time meanwhile.
   static constexpr std::chrono::milliseconds kRest{250};
   bool IsResting() const { return m_resting; }
   void EndRest();
