@@ -207,6 +207,8 @@ void Trace(double seconds, const std::string& what) {
   const Line sip = daemon.Connect(kSip);
   const std::string request = CsRequest(7);
   const std::string list = ListRequest(FrameKind::CS_LIST_REQUEST, 7, 512);
+  sip.Call(request);
+  const double busy = daemon.Busy();
   const Clock::time_point begin = Clock::now();
   u64 requests = 0;
   for (; Micros(Clock::now() - begin) < seconds * 1e6; ++requests) {
@@ -217,7 +219,8 @@ void Trace(double seconds, const std::string& what) {
       sip.Call(what == "list" ? list : request);
     }
   }
-  std::printf("%lu requests\n", static_cast<unsigned long>(requests));
+  std::printf("%lu requests, %.2f us of the processor each\n", static_cast<unsigned long>(requests),
+              (daemon.Busy() - busy) / static_cast<double>(requests));
 }
 
 }  // namespace

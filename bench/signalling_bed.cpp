@@ -186,6 +186,16 @@ double Daemon::Memory() const {
   throw std::runtime_error("natagentd is gone");
 }
 
+double Daemon::Busy() const {
+  double nanoseconds = 0;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(m_process) + "/task")) {
+    double one = 0;
+    std::ifstream(thread.path() / "schedstat") >> one;
+    nanoseconds += one;
+  }
+  return nanoseconds / 1000;
+}
+
 std::string CsRequest(u64 id, u16 port) {
   messaging::Frame frame;
   frame.kind = messaging::FrameKind::CS_REQUEST;

@@ -64,6 +64,8 @@ class Daemon {
   Line Connect(int queue) const;
   // Resident memory, in MB.
   double Memory() const;
+  // Processor time of all its threads so far, in microseconds.
+  double Busy() const;
 
  private:
   std::string m_directory;

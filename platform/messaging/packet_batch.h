@@ -32,7 +32,7 @@ class IncomingPackets {
   void DropEmptyEnd();
 
  private:
-  static constexpr unsigned kProbe = 32;  // receivings of one packet until several are asked for
+  static constexpr unsigned kProbe = 64;  // receivings of one packet until several are asked for
 
   bool ReceiveOne(int socket);
   bool ReceiveSeveral(int socket);
