@@ -207,6 +207,10 @@ void Trace(double seconds, const std::string& what) {
   const Line sip = daemon.Connect(kSip);
   const std::string request = CsRequest(7);
   const std::string list = ListRequest(FrameKind::CS_LIST_REQUEST, 7, 512);
+  const Line cm = daemon.Connect(kCm);
+  const Line cc = daemon.Connect(kCc);
+  const std::string rtp = ListRequest(FrameKind::RTP_REQUEST, 7, 512, CA_PROTO_CC);
+  const std::string close = CloseRequest(7);
   sip.Call(request);
   const double busy = daemon.Busy();
   const Clock::time_point begin = Clock::now();
@@ -215,6 +219,9 @@ void Trace(double seconds, const std::string& what) {
     if (what == "pipelined") {
       Pipeline(sip, request, 1000);
       requests += 999;
+    } else if (what == "rtp") {
+      cc.Call(rtp);
+      cc.Send(close);
     } else {
       sip.Call(what == "list" ? list : request);
     }
