@@ -1,11 +1,12 @@
 // A call over D-Bus, by way of a message bus of its own in a temporary directory, beside a signalling request to the
-// agent, on one core.
+// agent, on one core. The call carries what the request and its answer carry, and the server only returns it.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -21,6 +22,9 @@ namespace {
 
 constexpr char kName[] = "bench.Echo";
 constexpr char kPath[] = "/echo";
+// Query id, address, port, port type, value; in the request also the destination.
+constexpr char kAnswer[] = "tuquu";
+constexpr char kRequest[] = "tuquus";
 
 using Bus = std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)>;
 
@@ -48,13 +52,19 @@ Bus Open(const std::string& address) {
 }
 
 int Answer(sd_bus_message* request, void*, sd_bus_error*) {
-  const char* text = nullptr;
-  const int result = sd_bus_message_read(request, "s", &text);
-  return result < 0 ? result : sd_bus_reply_method_return(request, "s", text);
+  std::uint64_t id = 0;
+  std::uint32_t ip = 0;
+  std::uint16_t port = 0;
+  std::uint32_t type = 0;
+  std::uint32_t value = 0;
+  const char* destination = nullptr;
+  const int result = sd_bus_message_read(request, kRequest, &id, &ip, &port, &type, &value, &destination);
+  return result < 0 ? result : sd_bus_reply_method_return(request, kAnswer, id, ip, port, type, value);
 }
 
-const sd_bus_vtable kMethods[] = {
-    SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Echo", "s", "s", Answer, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
+const sd_bus_vtable kMethods[] = {SD_BUS_VTABLE_START(0),
+                                  SD_BUS_METHOD("Echo", kRequest, kAnswer, Answer, SD_BUS_VTABLE_UNPRIVILEGED),
+                                  SD_BUS_VTABLE_END};
 
 [[noreturn]] void Serve(const std::string& address) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -117,7 +127,8 @@ class DbusEcho {
   bool TryCall() {
     sd_bus_message* reply = nullptr;
     const int result =
-        sd_bus_call_method(m_client.get(), kName, kPath, kName, "Echo", nullptr, &reply, "s", "10.77.0.2:5060");
+        sd_bus_call_method(m_client.get(), kName, kPath, kName, "Echo", nullptr, &reply, kRequest, std::uint64_t{7},
+                           std::uint32_t{0x02004D0A}, 5060, std::uint32_t{0}, std::uint32_t{0}, kFar);
     sd_bus_message_unref(reply);
     return result >= 0;
   }

@@ -22,7 +22,7 @@ constexpr int kSip = 112;
 constexpr int kCm = 114;
 constexpr int kCc = 115;
 constexpr int kCore = 1;
-constexpr double kRtpItemMust = 0.50;  // us
+constexpr double kRtpItemMust = 0.32;  // us
 constexpr double kIdleMust = 6.0;      // MB
 
 double Micros(Clock::duration time) { return std::chrono::duration<double, std::micro>(time).count(); }
