@@ -97,6 +97,10 @@ class NATAGENT_EXPORT NatAgent {
   // Tells the call agents that the public side of signalling ports changed. Any thread while the agent runs.
   bool NotifyToCSNatChanges(const CA_PROTO& proto);
 
+  // A turn of the main loop, whose messages were received before it: routes are checked for changes once in it.
+  void BeginTurn() NAT_REQUIRES(g_settingsLock) { m_routeHelper.BeginTurn(); }
+  void EndTurn() NAT_REQUIRES(g_settingsLock) { m_routeHelper.EndTurn(); }
+
   // The log, or one that writes nowhere while the agent does not run.
   NatLogOut& Log() { return m_log != nullptr ? *m_log : m_noLog; }
 

@@ -73,11 +73,16 @@ void NatAgentMessenger::AnnounceOnlineParties() {
 void NatAgentMessenger::Turn(int queue) {
   ScopedLock lock(g_settingsLock);
   const HeldLog held(_NatAgent.Log());
-  try {
-    Dispatch(queue);
-  } catch (...) {
-    ReportFault("a turn of the main loop was not finished");
-  }
+  _NatAgent.BeginTurn();
+  NatCAMessenger* const channel = ChannelOfQueue(queue);
+  do {
+    try {
+      Handle(queue);
+    } catch (...) {
+      ReportFault("a turn of the main loop was not finished");
+    }
+  } while (channel != nullptr && channel->HasMore());
+  _NatAgent.EndTurn();
 }
 
 void NatAgentMessenger::CheckWhatIsFlagged() {
@@ -89,29 +94,29 @@ void NatAgentMessenger::CheckWhatIsFlagged() {
   }
 }
 
-void NatAgentMessenger::Dispatch(int queue) {
+void NatAgentMessenger::Handle(int queue) {
+  if (queue == -1) {
+    CheckWhatIsFlagged();
+    _NatAgent.AnswerHealth();
+  } else if (queue == kCgiQueue) {
+    m_cgiChannel.ProcessMessageFromQueue(1);
+  } else if (NatCAMessenger* const channel = ChannelOfQueue(queue)) {
+    channel->ProcessMessageFromQueue(1);
+  }
+}
+
+NatCAMessenger* NatAgentMessenger::ChannelOfQueue(int queue) {
   switch (queue) {
-    case -1:
-      CheckWhatIsFlagged();
-      _NatAgent.AnswerHealth();
-      break;
-    case kCgiQueue:
-      m_cgiChannel.ProcessMessageFromQueue(1);
-      break;
     case kSipQueue:
-      m_channel112.ProcessMessageFromQueue(1);
-      break;
+      return &m_channel112;
     case kQueue113:
-      m_channel113.ProcessMessageFromQueue(1);
-      break;
+      return &m_channel113;
     case kCmQueue:
-      m_channel114.ProcessMessageFromQueue(1);
-      break;
+      return &m_channel114;
     case kCcQueue:
-      m_channel115.ProcessMessageFromQueue(1);
-      break;
+      return &m_channel115;
     default:
-      break;
+      return nullptr;
   }
 }
 

@@ -34,10 +34,13 @@ class NatAgentMessenger {
  private:
   void SelectQueues();
   void AnnounceOnlineParties();
-  // One turn after the wait. What is thrown in it ends the turn, not the loop.
+  // One turn after the wait: what waits at one queue, or of messages that came together all of them.
   void Turn(int queue);
-  void Dispatch(int queue) NAT_REQUIRES(g_settingsLock);
+  // What is thrown ends the message in hand, not the turn.
+  void Handle(int queue) NAT_REQUIRES(g_settingsLock);
   void CheckWhatIsFlagged() NAT_REQUIRES(g_settingsLock);
+  // Of a call agent; null for another number.
+  NatCAMessenger* ChannelOfQueue(int queue);
 
   NatCAMessenger m_channel112;
   NatCAMessenger m_channel113;

@@ -8,10 +8,10 @@ void NatLogOut::LogCSRequest(const u64& queryId, u32 destIp, const NatSetting& s
   m_text = "Got Request for CS Nat Settings\r\n for protocol ";
   m_text += GetCsProtocolName(proto);
   m_text += "\r\nLocalIp = ";
-  AppendIp(m_text, setting.localIp);
-  m_text += "\r\nremoteIp = ";
-  AppendIp(m_text, destIp);
-  m_text += "\r\nselfPort = ";
+  AppendIp(m_text, setting.localIp, '\r');
+  m_text += "\nremoteIp = ";
+  AppendIp(m_text, destIp, '\r');
+  m_text += "\nselfPort = ";
   AppendNumber(m_text, setting.selfPort);
   m_text += " - ";
   m_text += GetPortTypeName(setting.portType);
@@ -35,8 +35,8 @@ void NatLogOut::LogCSResponse(const u64& queryId, const CA_PROTO& proto, const N
     return;
   }
   m_text = "MappedIp = ";
-  AppendIp(m_text, setting.mappedIp);
-  m_text += "\r\nMapPort = ";
+  AppendIp(m_text, setting.mappedIp, '\r');
+  m_text += "\nMapPort = ";
   AppendNumber(m_text, setting.mappedPort);
   m_text += "\r\n";
   m_text += kRule;
@@ -46,8 +46,7 @@ void NatLogOut::LogCSResponse(const u64& queryId, const CA_PROTO& proto, const N
 void NatLogOut::LogItems(const std::list<NatItem>& items, const char* end) {
   m_text = "LocalIp  = ";
   for (const NatItem& item : items) {
-    AppendIp(m_text, item.ip);
-    m_text += ' ';
+    AppendIp(m_text, item.ip, ' ');
   }
   m_text += "\r\nSelfPort = ";
   for (const NatItem& item : items) {
@@ -65,8 +64,8 @@ void NatLogOut::LogNatListRequest(const u64& queryId, u32 destIp, const std::lis
   m_text += "Got ";
   m_text += isRtp ? "RTP" : "CS";
   m_text += " Request for Nat Settings\r\nremoteIp = ";
-  AppendIp(m_text, destIp);
-  m_text += "\r\n for CS ";
+  AppendIp(m_text, destIp, '\r');
+  m_text += "\n for CS ";
   m_text += GetCsProtocolName(forCsProto);
   m_text += "\r\nqueryId  = ";
   AppendNumber(m_text, queryId);

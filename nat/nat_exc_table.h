@@ -1,6 +1,7 @@
 #pragma once
 
 #include <list>
+#include <vector>
 
 #include "platform/thread_safety.h"
 #include "platform/types.h"
@@ -12,23 +13,30 @@ struct NatExcEntry {
   u32 mask = 0;
 };
 
-// The NAT exclusion table. Any thread: a look-up sees the old rules or the new ones, never a mixture.
+// The NAT exclusion table. Any thread: a look-up sees the old rules or the new ones, never a mixture. Which rule
+// matches makes no difference, so a look-up is a search among ranges of addresses, whatever the number of rules.
 class NatExcTable {
  public:
   NatExcTable() = default;
-  virtual ~NatExcTable();
+  virtual ~NatExcTable() = default;
   NatExcTable(const NatExcTable&) = delete;
   NatExcTable& operator=(const NatExcTable&) = delete;
 
-  // Replaces every rule by a copy of the given ones, in their order.
+  // Replaces every rule by the given ones.
   void SetTable(const std::list<NatExcEntry>& entries) NAT_EXCLUDES(lock);
 
   // 1 when a rule matches the address, else 0.
   u32 IsExcluded(u32 address) NAT_EXCLUDES(lock);
 
  private:
-  void Clear() NAT_REQUIRES(lock) { rules.clear(); }
+  // The addresses of a rule, or of several that meet, in host byte order.
+  struct Range {
+    u32 first = 0;
+    u32 last = 0;
+  };
+  static std::vector<Range> Merged(std::vector<Range> found);
 
   ThreadMutex lock;
-  std::list<NatExcEntry> rules NAT_GUARDED_BY(lock);
+  std::vector<Range> ranges NAT_GUARDED_BY(lock);        // in order, apart from each other
+  std::vector<NatExcEntry> others NAT_GUARDED_BY(lock);  // the rules whose mask has holes
 };

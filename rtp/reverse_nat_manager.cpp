@@ -6,7 +6,7 @@
 
 void ReverseNatManager::AddRevTarget(const u64& queryId, const NatSetting& setting) {
   revTargets[queryId].push_back({setting.mappedIp, setting.mappedPort});
-  revMappings.try_emplace({setting.mappedIp, setting.mappedPort}, Endpoint{setting.localIp, setting.selfPort});
+  revMappings.Add(setting.mappedIp, setting.mappedPort, setting.localIp, setting.selfPort);
   if (revTargets.size() >= m_manyIds) {
     TellManyIds();
   }
@@ -18,12 +18,12 @@ void ReverseNatManager::TellManyIds() {
 }
 
 bool ReverseNatManager::GetRevSettings(NatSetting& setting) const {
-  const auto found = revMappings.find({setting.mappedIp, setting.mappedPort});
-  if (found == revMappings.end()) {
+  const EndpointTable::Local* const found = revMappings.Find(setting.mappedIp, setting.mappedPort);
+  if (found == nullptr) {
     return false;
   }
-  setting.localIp = found->second.ip;
-  setting.selfPort = found->second.port;
+  setting.localIp = found->ip;
+  setting.selfPort = found->port;
   return true;
 }
 
@@ -33,7 +33,7 @@ bool ReverseNatManager::DeleteRevTarget(const u64& queryId) {
     return false;
   }
   for (const NatItem& endpoint : target->second) {
-    revMappings.erase({endpoint.ip, endpoint.port});
+    revMappings.Remove(endpoint.ip, endpoint.port);
   }
   revTargets.erase(target);
   if (m_manyIds > kFirstManyIds && revTargets.size() < m_manyIds / 20) {

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <list>
 #include <map>
+#include <vector>
 
 #include "nat/nat_records.h"
+#include "rtp/endpoint_table.h"
 
 // The RTP translations handed out: per query id the public endpoints in the order they were handed out, and for each
 // public endpoint the local one behind it. Unbounded; only DeleteRevTarget removes. The journal says when 10 000 ids
@@ -31,17 +32,11 @@ class ReverseNatManager {
   std::size_t OpenIds() const { return revTargets.size(); }
 
  private:
-  struct Endpoint {
-    u32 ip = 0;  // as stored, network byte order
-    u16 port = 0;
-    bool operator<(const Endpoint& other) const { return ip != other.ip ? ip < other.ip : port < other.port; }
-  };
-
   static constexpr std::size_t kFirstManyIds = 10'000;
 
   void TellManyIds();
 
-  std::map<u64, std::list<NatItem>> revTargets;
-  std::map<Endpoint, Endpoint> revMappings;  // public -> local
-  std::size_t m_manyIds = kFirstManyIds;     // the number that the journal says next
+  std::map<u64, std::vector<NatItem>> revTargets;
+  EndpointTable revMappings;              // public -> local
+  std::size_t m_manyIds = kFirstManyIds;  // the number that the journal says next
 };

@@ -38,6 +38,7 @@ bool CGIMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
 
 int CGIMessenger::Update(UpdateType type, const std::list<std::string>&, unsigned value) {
   if (!m_updateFromParty) return 0;
-  m_queue->Answer(messaging::FrameKind::UPDATE_ANSWER, m_updateId, value).updateType = type;
-  return m_queue->SendAnswer() ? 1 : 0;
+  const messaging::Frame answer{
+      .kind = messaging::FrameKind::UPDATE_ANSWER, .queryId = m_updateId, .value = value, .updateType = type};
+  return m_queue->SendAnswer(messaging::EncodeFrame(answer, m_queue->Packet())) ? 1 : 0;
 }

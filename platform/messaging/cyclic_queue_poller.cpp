@@ -31,7 +31,8 @@ struct CyclicQueuePoller::Impl {
   bool IsUsable() const { return *epoll && wakeUp; }
   // Asks the kernel; marks what is ready. A queue that rests is asked about again after a while.
   void Ask();
-  bool AnyRests() const;
+  // How long it may wait, in ms; -1: for ever.
+  int Patience() const;
   void Mark(std::uint64_t data);
   // The next marked queue, unmarked; null when there is none left.
   PartyQueue* Next();
@@ -58,20 +59,28 @@ CyclicQueuePoller::Impl::Impl() {
 
 void CyclicQueuePoller::Impl::Ask() {
   epoll_event events[32];
-  const int patience = AnyRests() ? static_cast<int>(PartyQueue::kRest.count()) : -1;
-  const int count = ::epoll_wait(epoll->Get(), events, std::size(events), patience);
+  const int count = ::epoll_wait(epoll->Get(), events, std::size(events), Patience());
   for (int i = 0; i < count; ++i) {
     Mark(events[i].data.u64);
   }
-  for (const Selected& selected : queues) {
-    selected.queue->EndRest();
+  for (Selected& selected : queues) {
+    if (selected.queue->IsResting()) {
+      selected.queue->EndRest();
+    }
+    selected.ready = selected.ready || selected.queue->HasMore();
   }
   next = 0;
 }
 
-bool CyclicQueuePoller::Impl::AnyRests() const {
-  return std::any_of(queues.begin(), queues.end(),
-                     [](const Selected& selected) { return selected.queue->IsResting(); });
+int CyclicQueuePoller::Impl::Patience() const {
+  int patience = -1;
+  for (const Selected& selected : queues) {
+    if (selected.queue->HasMore()) return 0;  // what a party left when it was held back
+    if (selected.queue->IsResting()) {
+      patience = static_cast<int>(PartyQueue::kRest.count());
+    }
+  }
+  return patience;
 }
 
 void CyclicQueuePoller::Impl::Mark(std::uint64_t data) {

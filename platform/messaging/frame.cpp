@@ -235,6 +235,15 @@ void PutTail(std::string& packet, Tail tail, const Frame& frame) {
   }
 }
 
+FrameHeader HeaderOf(FrameKind kind, u64 queryId, u32 value, std::size_t count) {
+  FrameHeader header;
+  header.kind = static_cast<u16>(kind);
+  header.queryId = queryId;
+  header.value = value;
+  header.count = static_cast<u32>(count);
+  return header;
+}
+
 }  // namespace
 
 std::size_t MaxFrameBytes() {
@@ -259,14 +268,25 @@ bool EncodeFrame(const Frame& frame, std::string& packet) {
   const std::size_t count = CountOf(*layout, frame);
   if (count < layout->minCount || count > layout->maxCount || !HasValidTexts(*layout, frame)) return false;
 
-  FrameHeader header;
-  header.kind = static_cast<u16>(frame.kind);
-  header.queryId = frame.queryId;
-  header.value = frame.value;
-  header.count = static_cast<u32>(count);
-  Put(packet, header);
+  Put(packet, HeaderOf(frame.kind, frame.queryId, frame.value, count));
   PutRecords(packet, layout->records, frame);
   PutTail(packet, layout->tail, frame);
+  return true;
+}
+
+void EncodeCsAnswer(u64 queryId, u32 value, const CsAnswerRecord& answer, std::string& packet) {
+  packet.clear();
+  Put(packet, HeaderOf(FrameKind::CS_ANSWER, queryId, value, 1));
+  Put(packet, answer);
+}
+
+bool EncodeListAnswer(FrameKind kind, u64 queryId, u32 value, const std::list<NatRespItem>& answers,
+                      std::string& packet) {
+  packet.clear();
+  if (answers.size() > kMaxItems) return false;
+  packet.reserve(sizeof(FrameHeader) + answers.size() * sizeof(NatRespItem));
+  Put(packet, HeaderOf(kind, queryId, value, answers.size()));
+  for (const NatRespItem& answer : answers) Put(packet, answer);
   return true;
 }
 

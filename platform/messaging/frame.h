@@ -84,13 +84,13 @@ struct Frame {
   FrameKind kind{};
   u64 queryId = 0;
   u32 value = 0;
-  std::string text;          // destination, or a refusal's text
-  std::list<NatItem> items;  // list requests; the one item of a single request or answer
-  std::list<NatRespItem> answers;
-  u32 portType = 0;              // single request
-  u32 flag = 0;                  // single answer
-  u32 updateType = 0;            // update, its answer, notice
-  std::list<std::string> texts;  // update, notice
+  std::string text{};          // destination, or a refusal's text
+  std::list<NatItem> items{};  // list requests; the one item of a single request or answer
+  std::list<NatRespItem> answers{};
+  u32 portType = 0;                // single request
+  u32 flag = 0;                    // single answer
+  u32 updateType = 0;              // update, its answer, notice
+  std::list<std::string> texts{};  // update, notice
 };
 
 // Which way a frame travels: only the kinds of that direction are valid.
@@ -112,5 +112,10 @@ bool DecodeFrame(std::string_view packet, FrameWay way, Frame& frame, FrameFault
 // The packet of a frame, appended to nothing: `packet` is replaced (its capacity is kept). False, with `packet` empty,
 // when the frame exceeds the limits above.
 bool EncodeFrame(const Frame& frame, std::string& packet);
+
+// The same for answers, from what they are made of.
+void EncodeCsAnswer(u64 queryId, u32 value, const CsAnswerRecord& answer, std::string& packet);
+bool EncodeListAnswer(FrameKind kind, u64 queryId, u32 value, const std::list<NatRespItem>& answers,
+                      std::string& packet);
 
 }  // namespace messaging

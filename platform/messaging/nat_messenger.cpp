@@ -23,6 +23,22 @@ CA_PROTO ProtocolOf(u32 queue) {
   }
 }
 
+// Behind the last of the messages that were received together, their answers go out.
+class Answering {
+ public:
+  explicit Answering(PartyQueue& queue) : m_queue(queue) {}
+  ~Answering() {
+    if (!m_queue.HasMore()) {
+      m_queue.SendGathered();
+    }
+  }
+  Answering(const Answering&) = delete;
+  Answering& operator=(const Answering&) = delete;
+
+ private:
+  PartyQueue& m_queue;
+};
+
 }  // namespace
 
 NatMessenger::NatMessenger(u32 queue)
@@ -35,6 +51,7 @@ bool NatMessenger::IsPartyOnline() const { return m_queue->IsPartyOnline(); }
 
 bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   assert(count == 1);
+  const Answering answering(*m_queue);
   const PartyQueue::Turn turn = m_queue->Process();
   if (turn == PartyQueue::Turn::CONNECTED) OnPartyStateChanged(true);
   if (turn == PartyQueue::Turn::HUNG_UP) {
@@ -71,26 +88,27 @@ void NatMessenger::Dispatch(const Frame& request) {
   }
 }
 
+bool NatMessenger::HasMore() const { return m_queue->HasMore(); }
+
 void NatMessenger::HangUp() noexcept { m_queue->GiveUpParty(); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const NatItem& item, const NatFlag& flag, const u32& value) {
-  Frame& answer = m_queue->Answer(FrameKind::CS_ANSWER, queryId, value);
-  answer.items.assign(1, item);
-  answer.flag = flag;
-  return m_queue->SendAnswer() ? 1 : 0;
+  messaging::EncodeCsAnswer(queryId, value, {item, flag}, m_queue->Packet());
+  return m_queue->SendAnswer(true) ? 1 : 0;
 }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& queryId, const std::list<NatRespItem>& items, const u32& value) {
-  m_queue->Answer(FrameKind::CS_LIST_ANSWER, queryId, value).answers = items;
-  return m_queue->SendAnswer() ? 1 : 0;
+  return SendList(FrameKind::CS_LIST_ANSWER, queryId, items, value);
 }
 
 u32 NatMessenger::ResponseRTPNatMapping(const u64& queryId, const std::list<NatRespItem>& items, const u32& value) {
-  m_queue->Answer(FrameKind::RTP_ANSWER, queryId, value).answers = items;
-  return m_queue->SendAnswer() ? 1 : 0;
+  return SendList(FrameKind::RTP_ANSWER, queryId, items, value);
 }
 
 u32 NatMessenger::ResponseReverceRTPNatMapping(const u64& queryId, const std::list<NatRespItem>& items, u32 value) {
-  m_queue->Answer(FrameKind::REVERSE_ANSWER, queryId, value).answers = items;
-  return m_queue->SendAnswer() ? 1 : 0;
+  return SendList(FrameKind::REVERSE_ANSWER, queryId, items, value);
+}
+
+u32 NatMessenger::SendList(FrameKind kind, const u64& queryId, const std::list<NatRespItem>& items, u32 value) {
+  return m_queue->SendAnswer(messaging::EncodeListAnswer(kind, queryId, value, items, m_queue->Packet())) ? 1 : 0;
 }

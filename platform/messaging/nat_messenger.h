@@ -11,7 +11,8 @@ class PartyQueue;
 
 namespace messaging {
 struct Frame;
-}
+enum class FrameKind : u16;
+}  // namespace messaging
 
 // One call agent's queue: turns what arrives into calls of the virtual handlers and sends the answers back. A request
 // that is malformed in any way is answered with an error frame here and reaches no handler. All operations belong to
@@ -30,6 +31,10 @@ class NatMessenger {
   // Processes what waits, at most one message, connection or hang-up. The argument must be 1. False when nothing
   // waited.
   virtual bool ProcessMessageFromQueue(int count);
+
+  // Whether messages that were received together with the last one wait. They belong to the same turn: no wait tells of
+  // them, and the answers given so far go out, together, when this is false.
+  bool HasMore() const;
 
   // Hangs up on the party, which then waits no longer for an answer that cannot be given. Throws nothing.
   void HangUp() noexcept;
@@ -59,6 +64,7 @@ class NatMessenger {
 
  private:
   void Dispatch(const messaging::Frame& request);
+  u32 SendList(messaging::FrameKind kind, const u64& queryId, const std::list<NatRespItem>& items, u32 value);
 
   std::unique_ptr<PartyQueue> m_queue;
 };

@@ -38,7 +38,7 @@ void PartyQueue::Open(const messaging::RuntimeDirLease& lease) {
     JournalError("queue " + std::to_string(m_number) + " stays closed: no eventfd can be made for its notices");
     return;
   }
-  m_buffer.resize(messaging::MaxFrameBytes() + 1);
+  m_incoming.Reserve(messaging::MaxFrameBytes() + 1);
   m_socket.emplace(lease, m_number);
   if (!m_socket->IsOpen()) {
     m_socket.reset();
@@ -55,7 +55,8 @@ PartyQueue::~PartyQueue() {
 
 PartyQueue::Turn PartyQueue::Process() {
   if (!m_socket) return Turn::IDLE;
-  const unsigned ready = m_ready != 0 ? std::exchange(m_ready, 0U) : AskReady();
+  if (m_gathering && HasMore()) return TakeNext();
+  const unsigned ready = (m_ready != 0 ? std::exchange(m_ready, 0U) : AskReady()) | (HasMore() ? PEER : 0U);
   if (ready == 0) return Turn::IDLE;
 
   const bool noticeYields = m_noticeWasLast && (ready & ~DOORBELL) != 0;
@@ -75,7 +76,8 @@ PartyQueue::Turn PartyQueue::Process() {
   if (m_heldBack && HasPeerHungUp(/*inFull=*/true)) {
     m_account->Orphan();
   }
-  return m_heldBack ? Turn::DONE : Receive();
+  if (m_heldBack) return Turn::DONE;
+  return m_incoming.IsEmpty() ? Receive() : TakeNext();
 }
 
 unsigned PartyQueue::AskReady() const {
@@ -116,8 +118,7 @@ bool PartyQueue::Adopt() {
     }
     const std::string connected = "the party of " + Name() + " connected";
     JournalNotice(connected + ": " + m_party.Text(), connected);
-    Answer(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
-    SendFrame();
+    SendFrame(FrameKind::WELCOME, 0, static_cast<u32>(m_number));
   } catch (...) {
     m_peer.Reset();
     throw;
@@ -160,10 +161,9 @@ UniqueFd PartyQueue::AcceptAdmitted(messaging::Peer& from) {
 }
 
 void PartyQueue::Refuse(int peer, messaging::RefusalReason reason, const std::string& text) {
-  Answer(FrameKind::REFUSED, 0, static_cast<u32>(reason)).text = text;
-  messaging::EncodeFrame(m_answer, m_packet);
+  messaging::EncodeFrame({.kind = FrameKind::REFUSED, .value = static_cast<u32>(reason), .text = text}, m_packet);
   // A fresh socket has room for it; a peer that is gone already needs no reason.
-  ::send(peer, m_packet.data(), m_packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  messaging::SendPackets(peer, &m_packet, 1);
 }
 
 void PartyQueue::Rest() {
@@ -172,7 +172,7 @@ void PartyQueue::Rest() {
 }
 
 void PartyQueue::EndRest() {
-  if (m_resting && std::chrono::steady_clock::now() >= m_restEnd) {
+  if (std::chrono::steady_clock::now() >= m_restEnd) {
     m_resting = !ControlEpoll(EPOLL_CTL_MOD, m_socket->Get(), LISTENER, EPOLLIN);
   }
 }

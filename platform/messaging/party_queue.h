@@ -9,6 +9,7 @@
 #include "platform/messaging/frame.h"
 #include "platform/messaging/late_request.h"
 #include "platform/messaging/notice_inbox.h"
+#include "platform/messaging/packet_batch.h"
 #include "platform/messaging/party_account.h"
 #include "platform/messaging/peer.h"
 #include "platform/messaging/queue_registry.h"
@@ -46,16 +47,22 @@ class PartyQueue {
   // Does one thing that waits; at most one message, connection or hang-up. A second peer is refused on the way.
   Turn Process();
 
+  // Whether messages are left that were received with the last one and may be taken now. Nothing else tells of them: go
+  // on with Process. Answers are gathered meanwhile, and go out with SendGathered once this is false.
+  bool HasMore() const { return !m_incoming.IsEmpty() && !m_heldBack && m_waiting.empty(); }
+  // Throws nothing: a party whose answers cannot be kept is hung up on.
+  void SendGathered() noexcept;
+
   // The message of the last turn, valid until the next one.
   const messaging::Frame& Message() const { return m_message; }
 
-  // The frame to fill in and send as an answer; kept from answer to answer for its memory.
-  messaging::Frame& Answer(messaging::FrameKind kind, u64 queryId, u32 value);
+  // Where the next answer is to be encoded.
+  std::string& Packet() { return m_gathering ? m_gathered.Next() : m_packet; }
 
-  // Sends that frame. When the party does not read, it is kept, and no request of the party is taken before it went
-  // out. False when the party that asked is not connected any more, or the answer is beyond the limits of a frame (a
-  // journal error).
-  bool SendAnswer();
+  // Sends it; `encoded` false: it is beyond the limits of a frame (a journal error). When the party does not read, it
+  // is kept, and no request of the party is taken before it went out, but for those received with this one. False when
+  // nothing is sent, also because the party that asked is not connected any more.
+  bool SendAnswer(bool encoded);
 
   // What waits of the present party; null before the first.
   const std::shared_ptr<messaging::PartyAccount>& Account() const { return m_account; }
@@ -79,7 +86,7 @@ class PartyQueue {
   void AdoptWaiting();
 
   // For a poller: whether the listener is left alone because the process is out of descriptors. EndRest watches it
-  // again once kRest is over, so it is to be called from time to time.
+  // again once kRest is over, so it is to be called from time to time meanwhile.
   static constexpr std::chrono::milliseconds kRest{250};
   bool IsResting() const { return m_resting; }
   void EndRest();
@@ -100,14 +107,16 @@ class PartyQueue {
   void Rest();
   bool TakeOwnNotice();
   Turn Receive();  // only while no answer waits and the party is not held back
+  Turn TakeNext();
   Turn TakePacket(std::string_view packet);
   bool IsEmptyPacket() const;
   void RefuseMessage(const messaging::FrameFault& fault);
   void HangUp();
 
-  bool SendFrame();
+  bool SendFrame(messaging::FrameKind kind, u64 queryId, u32 value, const std::string& text = {});
+  bool Send(bool encoded);
   void SendPacket();
-  bool TrySend(const std::string& packet);
+  std::size_t TrySend(const std::string* packets, std::size_t count);
   void Flush();
   void SendNotices();
 
@@ -141,8 +150,9 @@ class PartyQueue {
   bool m_heldBack = false;
   bool m_peerReads = false;           // false: it has hung up on us, and what it sent is still being taken
   std::deque<std::string> m_waiting;  // encoded answers that the peer's socket had no room for
-  std::string m_buffer;               // one packet, incoming
-  std::string m_packet;               // one packet, outgoing
+  messaging::IncomingPackets m_incoming;
+  bool m_gathering = false;  // of the messages received together, one is in hand
+  messaging::OutgoingPackets m_gathered;
+  std::string m_packet;  // one packet, outgoing
   messaging::Frame m_message;
-  messaging::Frame m_answer;
 };

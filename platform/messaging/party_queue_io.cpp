@@ -14,26 +14,32 @@
 
 // How a queue's packets go in and out.
 
-using messaging::Frame;
 using messaging::FrameKind;
 
 PartyQueue::Turn PartyQueue::Receive() {
-  for (;;) {
-    const ssize_t got = ::recv(m_peer.Get(), m_buffer.data(), m_buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-    if (got < 0) {
-      // A party that died with answers unread leaves ECONNRESET in front of the requests it had sent.
-      if (errno == EINTR || errno == ECONNRESET) continue;
-      if (errno == EAGAIN) return Turn::IDLE;
-      JournalError("queue " + std::to_string(m_number) + " cannot be read: " + ::strerrordesc_np(errno));
-      HangUp();
-      return Turn::HUNG_UP;
-    }
-    if (got == 0 && !IsEmptyPacket()) {
-      HangUp();
-      return Turn::HUNG_UP;
-    }
-    return TakePacket({m_buffer.data(), std::min(static_cast<std::size_t>(got), m_buffer.size())});
+  while (!m_incoming.Receive(m_peer.Get(), m_way == messaging::FrameWay::TO_AGENT)) {
+    // A party that died with answers unread leaves ECONNRESET in front of the requests it had sent.
+    if (errno == EINTR || errno == ECONNRESET) continue;
+    if (errno == EAGAIN) return Turn::IDLE;
+    JournalError("queue " + std::to_string(m_number) + " cannot be read: " + ::strerrordesc_np(errno));
+    HangUp();
+    return Turn::HUNG_UP;
   }
+  if (m_incoming.HasEmptyEnd() && !IsEmptyPacket()) {
+    // Behind messages, the end is found again by the next turn.
+    m_incoming.DropEmptyEnd();
+    if (m_incoming.IsEmpty()) {
+      HangUp();
+      return Turn::HUNG_UP;
+    }
+  }
+  return TakeNext();
+}
+
+PartyQueue::Turn PartyQueue::TakeNext() {
+  const std::string_view packet = m_incoming.Take();
+  m_gathering = m_gathering || !m_incoming.IsEmpty();
+  return TakePacket(packet);
 }
 
 PartyQueue::Turn PartyQueue::TakePacket(std::string_view packet) {
@@ -54,6 +60,7 @@ void PartyQueue::GiveUpParty() noexcept {
   if (!m_peer) {
     return;
   }
+  SendGathered();
   ::shutdown(m_peer.Get(), SHUT_RDWR);
   m_peerReads = false;
   m_waiting.clear();
@@ -70,26 +77,22 @@ bool PartyQueue::IsEmptyPacket() const {
 }
 
 void PartyQueue::RefuseMessage(const messaging::FrameFault& fault) {
-  Answer(FrameKind::REFUSED, m_message.queryId, static_cast<u32>(fault.reason)).text = fault.text;
-  SendFrame();
+  SendFrame(FrameKind::REFUSED, m_message.queryId, static_cast<u32>(fault.reason), fault.text);
 }
 
-Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
-  m_answer.kind = kind;
-  m_answer.queryId = queryId;
-  m_answer.value = value;
-  return m_answer;
-}
-
-bool PartyQueue::SendAnswer() {
-  const bool sent = RequestScope::IsFor(m_account) && SendFrame();
+bool PartyQueue::SendAnswer(bool encoded) {
+  const bool sent = RequestScope::IsFor(m_account) && Send(encoded);
   RequestScope::Answered();
   return sent;
 }
 
-bool PartyQueue::SendFrame() {
+bool PartyQueue::SendFrame(FrameKind kind, u64 queryId, u32 value, const std::string& text) {
+  return Send(messaging::EncodeFrame({.kind = kind, .queryId = queryId, .value = value, .text = text}, Packet()));
+}
+
+bool PartyQueue::Send(bool encoded) {
   if (!m_peer || !m_peerReads) return false;
-  if (!messaging::EncodeFrame(m_answer, m_packet)) {
+  if (!encoded) {
     JournalError("an answer of queue " + std::to_string(m_number) + " is beyond the limits of a frame");
     return false;
   }
@@ -98,30 +101,50 @@ bool PartyQueue::SendFrame() {
 }
 
 void PartyQueue::SendPacket() {
-  if (m_waiting.empty() && TrySend(m_packet)) return;
+  if (m_gathering) {
+    m_gathered.Add();
+    if (m_gathered.IsFull()) {
+      SendGathered();
+    }
+    return;
+  }
+  if (m_waiting.empty() && TrySend(&m_packet, 1) == 1) return;
   if (!m_peerReads) return;
   m_waiting.push_back(m_packet);
   if (m_waiting.size() == 1) WatchPeer();
 }
 
-// False when the packet did not go out: there is no room now, or the peer does not read any more at all.
-bool PartyQueue::TrySend(const std::string& packet) {
-  for (;;) {
-    if (::send(m_peer.Get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return true;
-    if (errno == EINTR) continue;
-    if (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) return false;
-    if (errno != EPIPE && errno != ECONNRESET) {
-      JournalError("the party of queue " + std::to_string(m_number) +
-                   " cannot be answered and is hung up on: " + ::strerrordesc_np(errno));
-      ::shutdown(m_peer.Get(), SHUT_RDWR);
-    }
-    m_peerReads = false;
-    return false;
+void PartyQueue::SendGathered() noexcept {
+  m_gathering = false;
+  const std::size_t count = m_gathered.Clear();
+  if (count == 0 || !m_peer || !m_peerReads) return;
+  try {
+    std::string* const packets = m_gathered.Packets().data();
+    std::size_t sent = m_waiting.empty() ? TrySend(packets, count) : 0;
+    if (sent == count || !m_peerReads) return;
+    const bool isFirst = m_waiting.empty();
+    for (; sent < count; ++sent) m_waiting.push_back(packets[sent]);
+    if (isFirst) WatchPeer();
+  } catch (...) {
+    GiveUpParty();  // an answer is lost
   }
 }
 
+// Fewer than asked for: there is no room now, or the peer does not read any more at all.
+std::size_t PartyQueue::TrySend(const std::string* packets, std::size_t count) {
+  const std::size_t sent = messaging::SendPackets(m_peer.Get(), packets, count);
+  if (sent == count || errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) return sent;
+  if (errno != EPIPE && errno != ECONNRESET) {
+    JournalError("the party of queue " + std::to_string(m_number) +
+                 " cannot be answered and is hung up on: " + ::strerrordesc_np(errno));
+    ::shutdown(m_peer.Get(), SHUT_RDWR);
+  }
+  m_peerReads = false;
+  return sent;
+}
+
 void PartyQueue::Flush() {
-  while (!m_waiting.empty() && TrySend(m_waiting.front())) m_waiting.pop_front();
+  while (!m_waiting.empty() && TrySend(&m_waiting.front(), 1) == 1) m_waiting.pop_front();
   if (!m_peerReads) m_waiting.clear();
   if (!m_waiting.empty()) return;
   WatchPeer();

@@ -64,7 +64,7 @@ void LogFile::Append(std::string_view text) {
   if (!m_file || text.empty()) {
     return;
   }
-  if (!HasRoomFor(text.size())) {
+  if (m_size != 0 && !HasRoomFor(text.size())) {
     Rotate();
     if (!m_file) {
       return;

@@ -21,8 +21,8 @@ class LogFile {
   // cannot be written whole leaves nothing behind. A text above the limit has a file of its own.
   void Append(std::string_view text);
 
-  // Whether this many bytes more can be appended without rotation.
-  bool HasRoomFor(u64 bytes) const { return m_maxBytes == 0 || m_size == 0 || m_size + bytes <= m_maxBytes; }
+  // Whether this many bytes more are within the limit.
+  bool HasRoomFor(u64 bytes) const { return m_maxBytes == 0 || m_size + bytes <= m_maxBytes; }
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -13,6 +13,9 @@
 
 namespace {
 
+// A turn handles so many messages at most, and each writes about a buffer's worth.
+constexpr std::size_t kHeldBuffers = 16;
+
 // Absolute, so that the host's later change of directory does not move the log.
 std::string PathOf(const char* name) {
   if (name == nullptr || *name == '\0') {
@@ -32,7 +35,7 @@ std::string PathOf(const char* name) {
 
 struct LogStream::Impl {
   Impl(const char* name, u64 maxBytes, int keepFiles, std::size_t bufferBytes)
-      : m_bufferBytes(bufferBytes), m_file(PathOf(name), maxBytes, keepFiles) {
+      : m_mostHeld(kHeldBuffers * bufferBytes), m_file(PathOf(name), maxBytes, keepFiles) {
     m_held.reserve(bufferBytes);
   }
 
@@ -44,10 +47,10 @@ struct LogStream::Impl {
     }
     const std::size_t together = m_held.size() + text.size();
     // What is gathered goes out as one, so it must fit into the buffer and into one file.
-    if (together > m_bufferBytes || !m_file.HasRoomFor(together)) {
+    if (together > m_mostHeld || !m_file.HasRoomFor(together)) {
       WriteHeld();
     }
-    if (text.size() > m_bufferBytes) {
+    if (text.size() > m_mostHeld) {
       m_file.Append(text);
     } else {
       m_held.append(text);
@@ -61,7 +64,7 @@ struct LogStream::Impl {
     }
   }
 
-  const std::size_t m_bufferBytes;
+  const std::size_t m_mostHeld;
 
   ThreadMutex m_mutex;
   LogFile m_file NAT_GUARDED_BY(m_mutex);

@@ -15,7 +15,7 @@ class LogStream {
   //   null: a stream that writes nowhere.
   // maxBytes: the size at which the file becomes name.1 (and name.1 becomes name.2 ...) and a new one is begun, before
   //   a text that would make it larger; keepFiles: how many older files are kept.
-  // bufferBytes: how much Hold may gather before it is written all the same.
+  // bufferBytes: room for what a message writes. Hold may gather 16 times as much before it is written all the same.
   // The three flags are accepted and have no meaning here.
   LogStream(const char* name, bool, bool, int maxBytes, int keepFiles, unsigned int bufferBytes, bool);
   virtual ~LogStream();

@@ -1,6 +1,7 @@
 #include "platform/vxnetutils/change_feed.h"
 
 #include <linux/rtnetlink.h>
+#include <sys/epoll.h>
 
 #include <cerrno>
 
@@ -26,13 +27,28 @@ int ChangeFeed::Open() {
       return error;
     }
   }
+  // Without it, each Read looks at the socket.
+  m_readiness = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event watched{};
+  watched.events = EPOLLIN;
+  if (m_readiness && ::epoll_ctl(m_readiness.Get(), EPOLL_CTL_ADD, Descriptor(), &watched) != 0) {
+    m_readiness.Reset();
+  }
   return 0;
+}
+
+bool ChangeFeed::IsQuiet() const {
+  epoll_event ready;
+  return m_readiness && ::epoll_wait(m_readiness.Get(), &ready, 1, 0) == 0;
 }
 
 ChangeFeed::State ChangeFeed::Read() {
   if (!IsOpen()) {
     m_error = Open();
     return m_error == 0 ? State::CHANGED : State::BLIND;
+  }
+  if (IsQuiet()) {
+    return State::QUIET;
   }
   State state = State::QUIET;
   for (int i = 0; i < kMostMessages; ++i) {

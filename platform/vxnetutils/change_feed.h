@@ -1,12 +1,15 @@
 #pragma once
 
+#include "platform/unique_fd.h"
 #include "platform/vxnetutils/netlink_socket.h"
 
 // Tells whether anything that decides a route has changed since it was last asked: links, IPv4 addresses, routes,
 // rules, nexthops, per-link IPv4 settings. One thread at a time.
 //
 // The kernel queues its message before any route look-up can give another answer, so an answer obtained after a QUIET
-// holds as long as the feed stays quiet.
+// holds as long as the feed stays quiet. It does so before the system call that makes the change returns, and marks
+// every epoll instance that watches the socket in the act: whoever sends a message after that call has the change found
+// before the message is answered, when Read comes after the receiving.
 class ChangeFeed {
  public:
   enum class State {
@@ -26,6 +29,10 @@ class ChangeFeed {
   int Descriptor() const { return m_socket.Descriptor(); }
 
  private:
+  // Whether nothing is there to be read: half of what a look at the socket itself costs.
+  bool IsQuiet() const;
+
   NetlinkSocket m_socket;
+  UniqueFd m_readiness;  // an epoll instance with the socket alone
   int m_error = 0;
 };

@@ -7,12 +7,32 @@ constexpr std::size_t kMostKnown = 4096;
 
 }  // namespace
 
+void RouteCache::BeginTurn() {
+  m_inTurn = true;
+  m_isChecked = false;
+}
+
+void RouteCache::EndTurn() {
+  m_inTurn = false;
+  m_isChecked = false;
+}
+
+bool RouteCache::Check() {
+  if (!m_isChecked) {
+    const ChangeFeed::State changes = m_changes.Read();
+    if (changes != ChangeFeed::State::QUIET) {
+      m_known.clear();
+    }
+    m_isBlind = changes == ChangeFeed::State::BLIND;
+    m_isChecked = m_inTurn;
+  }
+  return !m_isBlind;
+}
+
 bool RouteCache::LookUp(u32 destination, Route& route) {
-  // Read before the kernel is asked, so that a change in between is found by the next look-up.
-  const ChangeFeed::State changes = m_changes.Read();
-  if (changes != ChangeFeed::State::QUIET) {
-    m_known.clear();
-  } else if (const auto known = m_known.find(destination); known != m_known.end()) {
+  // Before the kernel is asked, so that a change in between is found by the next check.
+  const bool isTold = Check();
+  if (const auto known = m_known.find(destination); known != m_known.end()) {
     if (known->second.found) {
       route = known->second.route;
     }
@@ -21,8 +41,7 @@ bool RouteCache::LookUp(u32 destination, Route& route) {
   const KernelRoutes::Answer answer =
       destination == 0 ? m_kernel.FindDefault(route) : m_kernel.Find(destination, route);
   const bool found = answer == KernelRoutes::Answer::FOUND;
-  // Without the feed nothing would tell when the answer ceases to hold.
-  if (changes != ChangeFeed::State::BLIND && answer != KernelRoutes::Answer::FAILED) {
+  if (isTold && answer != KernelRoutes::Answer::FAILED) {
     if (m_known.size() >= kMostKnown) {
       m_known.clear();
     }

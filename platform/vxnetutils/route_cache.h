@@ -13,6 +13,10 @@ class RouteCache {
   // default route.
   bool LookUp(u32 destination, Route& route);
 
+  // As those of RouteHelper.
+  void BeginTurn();
+  void EndTurn();
+
   // Number of messages sent to the kernel so far.
   u64 Requests() const { return m_kernel.Requests(); }
 
@@ -22,7 +26,13 @@ class RouteCache {
     Route route;
   };
 
+  // Forgets what may not hold any more. False when nothing would tell when an answer ceases to hold.
+  bool Check();
+
   ChangeFeed m_changes;
   KernelRoutes m_kernel;
   std::unordered_map<u32, Known> m_known;
+  bool m_inTurn = false;
+  bool m_isChecked = false;  // in this turn
+  bool m_isBlind = false;    // found by the last check
 };

@@ -21,6 +21,10 @@ bool RouteHelper::GetOutInterface(u32 destination, u32& interfaceAddress, u32& v
   return true;
 }
 
+void RouteHelper::BeginTurn() { m_impl->m_cache.BeginTurn(); }
+
+void RouteHelper::EndTurn() { m_impl->m_cache.EndTurn(); }
+
 bool RouteHelper::NotifyRouteChange() { return m_impl->m_watch.Wait(); }
 
 void RouteHelper::StopNotifyRtChange() { m_impl->m_watch.Stop(); }

@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <climits>
 #include <vector>
 
@@ -42,6 +44,10 @@ TEST(InetTest, AddrTakesTheNumbersAndDotsNotationAndNtoaWritesItPlain) {
   const std::pair<const char*, const char*> cases[] = {
       {"10.77.0.2", "10.77.0.2"}, {"0.0.0.0", "0.0.0.0"},  {"101.200.249.99", "101.200.249.99"},
       {"127.1", "127.0.0.1"},     {"0x7f.1", "127.0.0.1"}, {"010.0.0.1", "8.0.0.1"}};
+  for (const char* text :
+       {"1.2.3.4 ", "1.2.3.4 x", "1.2.3.", "1..3.4", "00.1.2.3", "1.2.3.04", "1.2.3.256", " 1.2.3.4"}) {
+    EXPECT_EQ(sockets::inet_addr(text), ::inet_addr(text)) << text;
+  }
   for (const auto& [text, expected] : cases) EXPECT_STREQ(sockets::inet_ntoa(sockets::inet_addr(text)), expected);
   for (const char* text :
        {"255.255.255.255", "", "256.1.1.1", "1.2.3.4.5", "pbx.example", "::1", static_cast<const char*>(nullptr)}) {

@@ -59,7 +59,7 @@ TEST_F(LogStreamTest, TextsOfAnyLengthAreAppendedUnchangedHeldOrNot) {
   log.TRACE("one ", 3, 4);
   std::thread([&log] { log.TRACE("two ", 3, 4); }).join();
   EXPECT_EQ(Log(), expected);
-  const std::string large(100, 'x');
+  const std::string large(17 * 64, 'x');
   log.TRACE(large.c_str(), 3, 4);
   EXPECT_EQ(Log(), expected += "one two " + large) << "more than the buffer takes";
   log.TRACE("three ", 3, 4);

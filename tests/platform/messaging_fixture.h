@@ -121,7 +121,11 @@ class Loop {
     });
     const int number = poller.WaitForEvents();
     if (number == NATCLIENT_CGI) m_cgi->ProcessMessageFromQueue(1);
-    if (m_channels.contains(number)) m_channels[number]->ProcessMessageFromQueue(1);
+    if (m_channels.contains(number)) {
+      do {
+        m_channels[number]->ProcessMessageFromQueue(1);
+      } while (m_channels[number]->HasMore());
+    }
     return number;
   }
   bool IsIdle() { return Step(milliseconds(50)) == -1; }

@@ -1,4 +1,5 @@
 #include "platform/messaging/notice_inbox.h"
+#include "platform/messaging/packet_batch.h"
 #include "tests/platform/messaging_fixture.h"
 
 using namespace messaging_test;
@@ -47,6 +48,65 @@ TEST_F(PressureTest, APartyThatDoesNotReadStopsItselfOnlyAndLosesNothing) {
   }
   EXPECT_EQ(told, answers);
   EXPECT_EQ(notices, (Lines{"notice 92 0 ", "notice 92 1 a"}));
+}
+
+// Whatever comes together is answered as if it had come one by one.
+TEST_F(PressureTest, RequestsThatComeTogetherAreAnsweredInOrderAndOnce) {
+  Channel& busy = m_loop->Open(112);
+  m_loop->Open(114);
+  Party lively(NATCLIENT_CM);
+  m_loop->Settle();
+  lively.Told();
+  constexpr natclient_item kItem{};
+  const Lines each[] = {{"cs 7 5060 1 3"}, {"list 7 1 9 0"}, {}, {"refused 0 2"}, {"refused 0 2"}};
+  // True when it is a request that reaches a handler.
+  const auto send = [&](Party& party, std::size_t which) {
+    switch (which) {
+      case 0:
+        return party.Cs(7) == 0;
+      case 1:
+        return natclient_request_reverse(party, 7, &kItem, 1, 0) == 0;
+      case 2:
+        return party.Close(7) == 0;
+      default:
+        party.SendBytes(which == 3 ? "?" : "");
+        return false;
+    }
+  };
+  // By the last one's kind, and by the party's end: it stays, closes its sending side, or is gone.
+  for (std::size_t last = 0; last < std::size(each); ++last) {
+    for (int end = 0; end < 3; ++end) {
+      if (last == 4 && end == 1) continue;  // empty packets right before the end may count as the end
+      std::optional<Party> party(NATCLIENT_SIP);
+      m_loop->Settle();
+      party->Told();
+      busy.requests.clear();
+      busy.states.clear();
+      Lines expected;
+      std::size_t good = 0;
+      for (std::size_t i = 0; i <= 100; ++i) {
+        const std::size_t which = i == 100 ? last : i % std::size(each);
+        good += send(*party, which) ? 1 : 0;
+        expected.insert(expected.end(), each[which].begin(), each[which].end());
+      }
+      EXPECT_EQ(lively.Cs(1), 0);
+      m_loop->RunUntil([&] { return !lively.Told().empty(); });
+      EXPECT_LE(busy.requests.size(), messaging::kBatch) << "a busy party has one batch at a time";
+      if (end == 1) {
+        ASSERT_EQ(::shutdown(natclient_fd(*party), SHUT_WR), 0);
+        expected.push_back("hang_up");
+      } else if (end == 2) {
+        party.reset();
+      }
+      m_loop->RunUntil([&] { return busy.requests.size() == good && busy.states.size() == (end == 0 ? 0U : 1U); });
+      m_loop->Settle();
+      if (party) {
+        EXPECT_EQ(party->Told(), expected) << last << ' ' << end;
+      }
+      party.reset();
+      m_loop->Settle();
+    }
+  }
 }
 
 TEST_F(PressureTest, NoticesReachWhoIsConnectedAndTheOwnConfigurationQueueOnce) {

@@ -1,9 +1,13 @@
 #include "platform/vxnetutils/route_cache.h"
 
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
 #include <atomic>
 #include <chrono>
 
 #include "platform/sockets/inet.h"
+#include "platform/vxnetutils/netlink_request.h"
 #include "platform/vxnetutils/route_helper.h"
 #include "tests/platform/own_namespace.h"
 
@@ -73,6 +77,52 @@ TEST_F(RoutesTest, EveryKindOfChangeIsSeenByTheNextLookUp) {
   });
 }
 
+// A change is made, then a message is sent, and whoever receives it looks the route up: the way of every request. That
+// the change is found rests on the order in which the kernel queues its notice, tells of it and ends the change.
+TEST_F(RoutesTest, AMessageIsAnsweredWithEveryChangeThatWasFinishedBeforeItWasSent) {
+  InOwnNetwork([] {
+    AddLink("a", "10.1.0.2/24");
+    Sh("ip route add default via 10.1.0.1");
+    const u32 far = sockets::inet_addr("198.51.100.9");
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
+    std::thread answering([&] {
+      RouteCache cache;
+      for (u32 gateway = 0; ::recv(ends[1], &gateway, sizeof gateway, 0) > 0;) {
+        Route route;
+        cache.BeginTurn();
+        cache.LookUp(far, route);
+        cache.EndTurn();
+        ::send(ends[1], &route.gateway, sizeof route.gateway, 0);
+      }
+    });
+    NetlinkSocket changer;
+    u32 stale = 0;
+    for (u32 i = 0; i < 60'000; ++i) {
+      const u32 expected = sockets::inet_addr("10.1.0.3") + (i % 200 << 24);
+      NetlinkRequest<rtmsg> change(RTM_NEWROUTE, NLM_F_ACK | NLM_F_CREATE | NLM_F_REPLACE);
+      change->rtm_family = AF_INET;
+      change->rtm_dst_len = 32;
+      change->rtm_table = RT_TABLE_MAIN;
+      change->rtm_protocol = RTPROT_STATIC;
+      change->rtm_type = RTN_UNICAST;
+      change.Put(RTA_DST, far);
+      change.Put(RTA_GATEWAY, expected);
+      ASSERT_EQ(changer.Ask(
+                    change.Message(), [](const nlmsghdr*, void*) { return MNL_CB_OK; }, nullptr),
+                0);
+      u32 answer = 0;
+      ::send(ends[0], &expected, sizeof expected, 0);
+      ::recv(ends[0], &answer, sizeof answer, 0);
+      stale += answer != expected ? 1 : 0;
+    }
+    EXPECT_EQ(stale, 0U);
+    ::close(ends[0]);
+    answering.join();
+    ::close(ends[1]);
+  });
+}
+
 TEST_F(RoutesTest, UnchangedRoutesAreNotAskedForAgain) {
   InOwnNetwork([] {
     AddLink("a", "10.1.0.2/24");
@@ -89,6 +139,16 @@ TEST_F(RoutesTest, UnchangedRoutesAreNotAskedForAgain) {
     const u64 requests = cache.Requests();
     for (int i = 0; i < 150; ++i) lookUpAll();
     EXPECT_EQ(cache.Requests(), requests);
+    // Changes are looked for once in a turn, and again in the next and outside.
+    for (const bool isInTurn : {true, false}) {
+      if (isInTurn) cache.BeginTurn();
+      EXPECT_EQ(LookUp(cache, "198.51.100.9"), "10.1.0.2 10.1.0.1");
+      Sh("ip route add 198.51.100.9 via 10.1.0.5");
+      EXPECT_EQ(LookUp(cache, "198.51.100.9"), isInTurn ? "10.1.0.2 10.1.0.1" : "10.1.0.2 10.1.0.5");
+      cache.EndTurn();
+      EXPECT_EQ(LookUp(cache, "198.51.100.9"), "10.1.0.2 10.1.0.5");
+      Sh("ip route del 198.51.100.9");
+    }
   });
 }
 

@@ -1,5 +1,10 @@
 // The arithmetic of translations.
 
+#include <arpa/inet.h>
+
+#include <random>
+
+#include "nat/nat_exc_table.h"
 #include "nat/nat_mappings.h"
 #include "tests/unit/support.h"
 
@@ -37,6 +42,34 @@ TEST(PortRange, Translate) {
     EXPECT_EQ(setting.mappedIp, test.result ? kPublic : 0u);
     EXPECT_EQ(setting.mappedPort, test.result ? test.mappedPort : 0u);
   }
+}
+
+TEST(NatExcTable, MatchesWhatAnyRuleMatches) {
+  std::mt19937 random(1);
+  const auto network = [](u32 host) { return htonl(host); };
+  std::list<NatExcEntry> rules;
+  std::vector<u32> asked = {0, 0xFFFFFFFF};
+  NatExcTable table;
+  for (u32 i = 0; i < 300; ++i) {
+    const u32 mask = i % 10 == 9 ? random() : ~u32{0} << (i % 20);  // with holes, too
+    const u32 ip = random() & 0x0FFFFFFF;                           // near each other, with host bits
+    rules.push_back({network(ip), network(mask)});
+    for (const u32 edge : {ip & mask, ip | ~mask}) {
+      for (const u32 address : {edge - 1, edge, edge + 1}) asked.push_back(network(address));
+    }
+    if (i % 50 != 0) continue;
+    table.SetTable(rules);
+    for (const u32 address : asked) {
+      const bool matches = std::any_of(rules.begin(), rules.end(), [address](const NatExcEntry& rule) {
+        return (rule.ip & rule.mask) == (address & rule.mask);
+      });
+      ASSERT_EQ(table.IsExcluded(address), matches ? 1U : 0U) << i << ' ' << address;
+    }
+  }
+  table.SetTable({{0, 0}});
+  EXPECT_EQ(table.IsExcluded(7), 1U);
+  table.SetTable({});
+  EXPECT_EQ(table.IsExcluded(7), 0U);
 }
 
 }  // namespace

@@ -174,6 +174,9 @@ bool NatMessenger::ProcessMessageFromQueue(int count) {
   return true;
 }
 
+// All that a test has scripted at once came together.
+bool NatMessenger::HasMore() const { return !fake::Device()->messages[m_queue->number].empty(); }
+
 void NatMessenger::HangUp() noexcept { fake::Record("hang up ", m_queue->number); }
 
 u32 NatMessenger::ResponseCSNatMapping(const u64& id, const NatItem& item, const NatFlag& flag, const u32& value) {

@@ -26,6 +26,9 @@ bool RouteHelper::GetOutInterface(u32 destination, u32& interfaceAddress, u32& v
   return route.has_value();
 }
 
+void RouteHelper::BeginTurn() {}
+void RouteHelper::EndTurn() {}
+
 bool RouteHelper::NotifyRouteChange() {
   fake::Device device;
   device->changed.wait(device.Lock(), [&] { return device->watchStopped || device->routeChanges > 0; });
