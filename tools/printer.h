@@ -8,7 +8,7 @@
 // gathered until Flush, which comes before every wait, so that a reader has everything while nothing happens.
 class Printer {
  public:
-  explicit Printer(bool json) : m_json(json) {}
+  explicit Printer(bool json);
 
   void Print(const Event& event);
   // Whole lines that have been put together already, as JSON or plain.
@@ -20,6 +20,8 @@ class Printer {
 
  private:
   const bool m_json;
+  const bool m_coloursOut;
+  const bool m_coloursError;
   std::string m_lines;
   bool m_broken = false;
 };

@@ -11,6 +11,7 @@
 
 #include "platform/unique_fd.h"
 #include "tools/parsing.h"
+#include "tools/stun_runner.h"
 
 namespace {
 
@@ -56,6 +57,9 @@ void Session::Execute(const Command& command) {
       break;
     case CommandKind::WATCH:
       Watch(command.party);
+      break;
+    case CommandKind::STUN:
+      Stun(command.stun);
       break;
     default:
       Request(command);
@@ -131,7 +135,7 @@ Connection* Session::Connect(natclient_party party) {
     const Connection* found = Find(party);
     return found == nullptr || found->Welcomed();
   };
-  wish.deadline = TimeOut();
+  wish.deadline = Clock::now() + m_timeouts.contact;
   if (Wait(wish) != End::TIMED_OUT) return Find(party);
   std::erase_if(m_connections, [party](const auto& each) { return each->Party() == party; });
   Tell(EventKind::UNREACHABLE, party, "no welcome in time");
@@ -229,6 +233,16 @@ void Session::Watch(natclient_party party) {
   wish.done = [this, party] { return Find(party) == nullptr; };
   wish.readable = interrupt.Fd();
   m_interrupted = Wait(wish) == End::READABLE;
+}
+
+void Session::Stun(const StunCommand& command) {
+  const auto waitReadable = [this](int fd, Deadline until) {
+    Wish wish;
+    wish.readable = fd;
+    wish.deadline = until;
+    return Wait(wish) == End::READABLE;
+  };
+  m_status = Graver(m_status, RunStun(command, m_timeouts, m_printer, waitReadable));
 }
 
 void Session::Finish() {

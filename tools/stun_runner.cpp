@@ -1,17 +1,25 @@
 #include "tools/stun_runner.h"
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <thread>
 
 #include "platform/sockets/host_lookup.h"
 #include "tools/parsing.h"
-#include "tools/stun_query.h"
+#include "tools/terminal.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+// A request sent past the port's owner would need raw sockets here too, and a party's queue gives decisions only, is
+// taken by the owner as a rule, and loads settings when somebody else connects.
+constexpr const char* kPortInUse =
+    "it is in use by another program; the agent asks from such a port when sip_udp_use_stun or gw_use_stun is on";
 
 std::string Text(const stun::Endpoint& endpoint) {
   return AddressText(endpoint.address) + ":" + std::to_string(endpoint.port);
@@ -22,13 +30,13 @@ double Rounded(std::chrono::microseconds time) { return std::round(static_cast<d
 
 class Runner {
  public:
-  Runner(int timeoutMs, Printer& printer) : m_timeout(timeoutMs), m_printer(printer) {}
+  Runner(const Timeouts& timeouts, Printer& printer, const WaitReadable& waitReadable)
+      : m_timeouts(timeouts), m_printer(printer), m_waitReadable(waitReadable), m_query(waitReadable) {}
 
   ExitStatus Run(const StunCommand& command) {
     if (const int error = m_query.Bind(command.localPort); error != 0) {
       const std::string port = command.localPort == 0 ? "a port" : "port " + std::to_string(command.localPort);
-      const std::string reason =
-          error == EADDRINUSE ? "it is in use by another program" : std::generic_category().message(error);
+      const std::string reason = error == EADDRINUSE ? kPortInUse : std::generic_category().message(error);
       Fail(Json{{"error", "local-port"}}, "", "UDP " + port + " cannot be bound: " + reason);
     } else {
       for (const StunCommand::Server& server : command.servers) AskServer(server);
@@ -38,10 +46,23 @@ class Runner {
   }
 
  private:
-  stun::TimePoint Deadline() const { return stun::Clock::now() + m_timeout; }
+  // On a thread of its own, so that the waiting stays with who lends it.
+  std::vector<u32> LookUp(const std::string& host) {
+    const auto deadline = stun::Clock::now() + m_timeouts.answer;
+    const UniqueFd ended(::eventfd(0, EFD_CLOEXEC));
+    std::vector<u32> addresses;
+    {
+      const std::jthread thread([&] {
+        addresses = sockets::LookUpHostAddresses(host.c_str(), std::stop_token(), deadline);
+        ::eventfd_write(ended.Get(), 1);
+      });
+      m_waitReadable(ended.Get(), deadline);
+    }
+    return addresses;
+  }
 
   void AskServer(const StunCommand::Server& server) {
-    const auto addresses = sockets::LookUpHostAddresses(server.host.c_str(), std::stop_token(), Deadline());
+    const std::vector<u32> addresses = LookUp(server.host);
     if (addresses.empty()) {
       const std::string name = server.host + ":" + std::to_string(server.port);
       ++m_asked;
@@ -53,7 +74,7 @@ class Runner {
   void AskAddress(const stun::Endpoint& server) {
     m_printer.Flush();
     ++m_asked;
-    const StunOutcome outcome = m_query.Ask(server, Deadline());
+    const StunOutcome outcome = m_query.Ask(server, stun::Clock::now() + m_timeouts.contact);
     if (!outcome.mapped) {
       Fail(Json{{"stun", Text(server)}, {"error", outcome.error}}, Text(server), outcome.text);
       return;
@@ -92,17 +113,17 @@ class Runner {
     m_isUnanswered = true;
     if (!text.empty()) object["text"] = text;
     const std::string reason = text.empty() ? "no answer in time" : text;
-    m_printer.Print(
-        m_printer.IsJson() ? Line(object) : "natctl: stun " + (whom.empty() ? reason : whom + ": " + reason) + "\n",
-        true);
+    const std::string plain = "natctl: stun " + Printable(whom.empty() ? reason : whom + ": " + reason) + "\n";
+    m_printer.Print(m_printer.IsJson() ? Line(object) : plain, true);
   }
 
   static std::string Line(const Json& object) {
     return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
 
-  const std::chrono::milliseconds m_timeout;
+  const Timeouts& m_timeouts;
   Printer& m_printer;
+  const WaitReadable& m_waitReadable;
   StunQuery m_query;
   std::size_t m_asked = 0;
   std::vector<stun::Endpoint> m_mapped;
@@ -111,6 +132,7 @@ class Runner {
 
 }  // namespace
 
-ExitStatus RunStun(const StunCommand& command, int timeoutMs, Printer& printer) {
-  return Runner(timeoutMs, printer).Run(command);
+ExitStatus RunStun(const StunCommand& command, const Timeouts& timeouts, Printer& printer,
+                   const WaitReadable& waitReadable) {
+  return Runner(timeouts, printer, waitReadable).Run(command);
 }

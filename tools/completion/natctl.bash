@@ -24,11 +24,12 @@ _natctl() {
     --timeout | --local-port) return ;;
   esac
   if [[ $cur == -* ]]; then
-    choices="--runtime-dir --json --timeout --help --version"
+    choices="--runtime-dir --json --timeout --help --version -h -V"
     [[ ${given[0]-} == stun ]] && choices+=" --local-port"
   else
     case ${given[0]-}:${#given[@]} in
-      :0) choices="run cs cs-list rtp reverse close update wait watch stun" ;;
+      :0) choices="run cs cs-list rtp reverse close update wait watch stun help" ;;
+      help:1) choices="run connect disconnect cs cs-list rtp reverse close update wait watch stun" ;;
       run:1) _filedir ;;
       cs:1 | cs-list:1 | rtp:1 | reverse:1 | close:1 | watch:1) choices=$parties ;;
       cs:3) choices=$addresses ;;
@@ -51,7 +52,7 @@ _natagentd() {
   case $prev in
     --config) _filedir toml ;;
     --runtime-dir | --log-dir | --state-dir) _filedir -d ;;
-    *) COMPREPLY=($(compgen -W "--config --runtime-dir --log-dir --state-dir --check --help --version" -- "$cur")) ;;
+    *) COMPREPLY=($(compgen -W "--config --runtime-dir --log-dir --state-dir --check --print-config --help --version" -- "$cur")) ;;
   esac
 }
 

@@ -8,7 +8,8 @@ if [[ $service == natagentd ]]; then
     '--log-dir[directory of natagent.log]:directory:_directories' \
     '--state-dir[directory of the last good configuration]:directory:_directories' \
     '--check[check the configuration and exit]' \
-    '(- *)'{-h,--help}'[show help]' '(- *)--version[show the version]'
+    '--print-config[print the settings and where they come from]' \
+    '(- *)'{-h,--help}'[show help]' '(- *)'{-V,--version}'[show the version]'
   return
 fi
 
@@ -25,6 +26,7 @@ local -a commands=(
   'wait:print until some seconds pass in silence'
   'watch:print until interrupted'
   'stun:ask STUN servers, without the agent'
+  'help:what a command takes'
 )
 local -a parties=(sip q113 cm cc cgi)
 
@@ -32,7 +34,7 @@ _arguments -C \
   '--runtime-dir[directory of the queues]:directory:_directories' \
   '--json[one JSON object a line]' \
   '--timeout[how long to wait for an answer]:seconds' \
-  '(- *)'{-h,--help}'[show help]' '(- *)--version[show the version]' \
+  '(- *)'{-h,--help}'[show help]' '(- *)'{-V,--version}'[show the version]' \
   '1:command:->command' '*::argument:->argument' && return
 
 if [[ $state == command ]]; then
@@ -49,6 +51,7 @@ _natctl_rest() {
 }
 case $words[1]:$CURRENT in
   run:2) _files ;;
+  help:2) _describe command commands ;;
   (cs|cs-list|rtp|reverse|close|watch):2) _wanted party expl party compadd -a parties ;;
   cs:4) _natctl_rest 1 ;;
   cs:<5->) _natctl_rest 0 udp tcp tls nowait id= value= ;;
