@@ -2,11 +2,25 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <string_view>
+#include <vector>
+
+#include "platform/did_you_mean.h"
 
 namespace {
 
+// With the option that was meant, when a word is none.
 std::string FailureText(const CLI::App* app, const CLI::Error& error) {
-  return app->get_name() + ": " + error.what() + "\n";
+  std::vector<std::string> known;
+  for (const CLI::Option* option : app->get_options()) {
+    known.push_back("--" + option->get_lnames().front());
+  }
+  const std::vector<std::string_view> names(known.begin(), known.end());
+  std::string text = app->get_name() + ": " + error.what();
+  for (const std::string& word : app->remaining()) {
+    text += DidYouMean(word.substr(0, word.find('=')), names);
+  }
+  return text + "\n";
 }
 
 // What an empty shell variable leaves is no wish for the default.
@@ -35,7 +49,8 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode
       ->type_name("DIR");
   app.failure_message(FailureText);
   app.add_flag("--check", parsed.check, "Check the configuration and exit");
-  app.set_version_flag("--version", "natagentd " NATAGENT_VERSION);
+  app.add_flag("--print-config", parsed.printConfig, "Print the settings and where each comes from, and exit");
+  app.set_version_flag("-V,--version", "natagentd " NATAGENT_VERSION);
   app.footer(
       "SIGHUP reads the configuration again; a wrong one keeps the settings that hold. SIGTERM and SIGINT stop the "
       "agent.\nExit status: 0 stopped, or checked; 1 the agent cannot run; 2 wrong usage or configuration.");

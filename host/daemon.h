@@ -14,16 +14,19 @@
 
 struct LoadedConfig {
   HostSettings settings;
-  std::string text;    // of the file; empty for the built-in settings, which an empty file means too
+  std::string text;    // that gives them; empty for the built-in settings, which an empty file means too
   std::string origin;  // for people
+  std::vector<ConfigValue> values;
+  std::vector<std::string> files;  // those read; none for the built-in settings
 };
 
-// The configuration of the file the command line names, or of the default one. Without a value the errors have been
-// reported. `file` becomes the file that was read, or stays empty for the built-in settings.
-std::optional<LoadedConfig> LoadConfig(std::string& file);
+// The configuration of the file the command line names, or of the default one, with its drop-ins. Without a value the
+// errors have been reported, and `exitCode` says whether they may pass. `file` becomes the file that was read, or stays
+// empty for the built-in settings.
+std::optional<LoadedConfig> LoadConfig(std::string& file, std::chrono::milliseconds namesWithin, int& exitCode);
 
 // The same at a start; when the file is wrong and the run before crashed, the last configuration that was right.
-std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood);
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood, int& exitCode);
 
 // Blocks the signals that drive the daemon in this thread and in those it starts, and returns them. Comes before
 // everything else, so that one sent right after the start waits for the daemon instead of killing it.
