@@ -8,7 +8,7 @@ namespace {
 // What is wrong with a user that a configuration names; empty when nothing is.
 std::string ReadUser(const toml::node& node, AccountLookup& accounts, uid_t& uid) {
   const auto* name = node.as_string();
-  return name != nullptr ? accounts.User(name->get(), uid)
+  return name != nullptr ? accounts.Find(AccountLookup::USER, name->get(), uid)
                          : "must be a string, is " + std::string(TomlTypeName(node.type()));
 }
 

@@ -1,15 +1,10 @@
 #include "tools/printer.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "tools/terminal.h"
-
-Printer::Printer(bool json)
-    : m_json(json), m_coloursOut(TakesColours(STDOUT_FILENO)), m_coloursError(TakesColours(STDERR_FILENO)) {}
 
 void Printer::Print(const Event& event) {
   const bool isFailure = IsFailure(event.kind);

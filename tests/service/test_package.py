@@ -81,7 +81,7 @@ class Package(nat_bed.NatBedTest):
             "/var/log/natagent/natagent.log", "/var/lib/natagent", "/var/lib/natagent/last-good.toml",
             "/var/lib/natagent/state"})
 
-        self.apt("purge", *names)
+        self.apt("purge", "natagent")
         self.assertEqual(self.files() - before, set())
         self.assertEqual(self.debian.run("find", "/run/natagent", check=False).stdout, "")
 
