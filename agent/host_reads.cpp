@@ -207,10 +207,15 @@ std::size_t ListCounters(NatHostPlace& place, std::span<NatHostCounter> rows) NA
       return count;
     }
   }
-  for (; place.at < std::size(messaging::kQueues) + 2 && count < rows.size(); ++place.at) {
-    const u32 isKnown = place.at == std::size(messaging::kQueues) ? 0 : 1;
-    if (const u64 value = _NatAgent.m_counters.names[isKnown]) {
-      rows[count++] = {sizeof(NatHostCounter), NAT_COUNT_NAMES, 0, 0, isKnown, value};
+  const NatHostCounter others[] = {
+      {sizeof(NatHostCounter), NAT_COUNT_NAMES, 0, 0, 0, _NatAgent.m_counters.names[0]},
+      {sizeof(NatHostCounter), NAT_COUNT_NAMES, 0, 0, 1, _NatAgent.m_counters.names[1]},
+      {sizeof(NatHostCounter), NAT_COUNT_CHANGES, 0, 0, 0, _NatAgent.m_changedMappings},
+  };
+  for (; place.at < std::size(messaging::kQueues) + std::size(others) && count < rows.size(); ++place.at) {
+    const NatHostCounter& other = others[place.at - std::size(messaging::kQueues)];
+    if (other.value != 0) {
+      rows[count++] = other;
     }
   }
   return count;

@@ -93,6 +93,7 @@ void NatAgent::CreateParts() {
   m_startedAt = SettingsState::Now();
   m_settings.signalling = m_settings.media = {};
   m_counters = {};
+  m_changedMappings = 0;
   m_toldUplink = m_upLinkIp;
   m_log = new NatLogOut((m_logDir.empty() ? kLogFile : m_logDir + "/" + kLogFile).c_str());
   m_qorStorage = new QorMappingStorage;

@@ -127,8 +127,9 @@ class NATAGENT_EXPORT NatAgent {
   StunManagerWrapper m_stunWrapper;
   NatExcTable m_excTable;
   SettingsState m_settings NAT_GUARDED_BY(g_settingsLock);
-  Counters m_counters;             // turns of the main loop; read under the settings lock
-  NatAgentMessenger* m_messenger;  // agent thread; other threads reach it through m_run
+  std::atomic<u64> m_changedMappings = 0;  // that STUN told of
+  Counters m_counters;                     // turns of the main loop; read under the settings lock
+  NatAgentMessenger* m_messenger;          // agent thread; other threads reach it through m_run
 
  private:
   friend unsigned long IpUpDownInformer(void* run);

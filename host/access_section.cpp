@@ -1,5 +1,6 @@
 #include "host/access_section.h"
 
+#include <grp.h>
 #include <pwd.h>
 
 #include <cerrno>
@@ -12,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t kMaxEntry = 1 << 16;  // bytes of a user's entry; far above any
+constexpr std::size_t kMaxEntry = 1 << 16;  // bytes of a user's or group's entry; far above any
 
 // The number that a text consists of; the last one stands for no user at all.
 std::optional<uid_t> AsNumber(const std::string& text) {
@@ -24,39 +25,58 @@ std::optional<uid_t> AsNumber(const std::string& text) {
   return uid;
 }
 
-// Returns an empty text, or why there is no such user.
-std::string FindUser(const std::string& name, uid_t& uid) {
-  if (const std::optional<uid_t> number = AsNumber(name)) {
-    uid = *number;
+// The number of a user or group by its name or its number, found by getpwnam_r or getgrnam_r. Returns an empty text, or
+// why there is none.
+template <class Entry>
+std::string Find(const std::string& name, const char* what,
+                 int (*find)(const char*, Entry*, char*, std::size_t, Entry**), unsigned Entry::*id, unsigned& number) {
+  if (const std::optional<uid_t> given = AsNumber(name)) {
+    number = *given;
     return {};
   }
   if (name.find('\0') != std::string::npos) {
-    return "a user's name has no NUL inside";
+    return std::string("a ") + what + "'s name has no NUL inside";
   }
   std::vector<char> buffer(1024);
-  passwd entry{};
-  passwd* found = nullptr;
+  Entry entry{};
+  Entry* found = nullptr;
   int error = 0;
-  while ((error = ::getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE &&
+  while ((error = find(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE &&
          buffer.size() < kMaxEntry) {
     buffer.resize(buffer.size() * 2);
   }
   if (found == nullptr) {
-    return error == 0 ? "\"" + name + "\" is not a user of this system"
+    return error == 0 ? "\"" + name + "\" is not a " + what + " of this system"
                       : "\"" + name + "\" cannot be looked up: " + std::strerror(error);
   }
-  uid = found->pw_uid;
+  number = found->*id;
   return {};
 }
 
 // What is wrong with a user that a configuration names; empty when nothing is.
 std::string ReadUser(const toml::node& node, uid_t& uid) {
   const auto* name = node.as_string();
-  return name != nullptr ? FindUser(name->get(), uid)
+  return name != nullptr ? Find(name->get(), "user", ::getpwnam_r, &passwd::pw_uid, uid)
                          : "must be a string, is " + std::string(TomlTypeName(node.type()));
 }
 
 }  // namespace
+
+void ReadStatusGroup(ConfigSection& section, std::optional<gid_t>& group) {
+  if (!section.Has("status_group")) {
+    return;
+  }
+  std::string name;
+  section.Text("status_group", name);
+  gid_t gid = 0;
+  const std::string fault = name.empty() ? "" : Find(name, "group", ::getgrnam_r, &::group::gr_gid, gid);
+  if (!fault.empty()) {
+    return section.Refuse("status_group", fault);
+  }
+  if (!name.empty()) {
+    group = gid;
+  }
+}
 
 void ReadAccess(ConfigSection& section, QueueAccess& access, ConfigErrors& errors) {
   for (const messaging::QueueInfo& queue : messaging::kQueues) {

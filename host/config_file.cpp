@@ -173,6 +173,7 @@ ConfigResult ReadParsed(const toml::parse_result& parsed, ConfigErrors& errors) 
   nat.RefuseUnknown();
   ReadStun(stun, settings.nat);
   CheckStunUse(nat, settings.nat);
+  ReadStatusGroup(access, settings.statusGroup);
   ReadAccess(access, settings.access, errors);
   RefuseUnknownSections(root, errors);
 

@@ -32,6 +32,7 @@ void TellChanges(StunManager& manager, const std::list<std::pair<u16, u16>>& cha
 }  // namespace
 
 void OnChangedPorts(void* context, std::list<std::pair<u16, u16>>& changedPorts) {
+  _NatAgent.m_changedMappings += changedPorts.size();
   if (HostEvents::Wants(NAT_EVENT_MAPPING)) {
     TellChanges(*static_cast<StunManager*>(context), changedPorts);
   }

@@ -21,7 +21,11 @@ constexpr const char* kCommands =
   update TYPE [STRING ...] [value=N]                                configuration-update notice, as cgi
   wait [SECONDS]                                                    print until SECONDS (1) pass in silence
   watch PARTY                                                       print until interrupted
+  status [TOPIC] [--json|--format openmetrics]                      what the agent knows and has done
+  monitor [--log] [--json]                                          what happens, until interrupted
+  explain PARTY DEST IP:PORT [udp|tcp|tls|rtp] [server=sip|cm|cc]   why an answer is as it is, without asking for it
   stun HOST[:PORT] ... [--local-port N]                             ask STUN servers, without the agent
+TOPIC: parties, mappings, stun, calls, exclusions, names, config, counters, uplink.
 PARTY: sip, q113, cm, cc, cgi.  DEST: dotted address or host name.
 Exit status: 0 every request answered; 1 one was not answered in time, or refused; 2 wrong usage;
              3 the agent cannot be reached, the queue is taken, or the connection was lost.)";
@@ -38,6 +42,12 @@ std::string TakeWords(const std::vector<std::string>& words, CommandLine& line) 
   if (words.front() == "stun") {
     StunCommandResult result = ParseStunCommand(words);
     line.stun = std::move(result.command);
+    return result.error;
+  }
+  if (StatusCommand::Is(words.front())) {
+    StatusCommandResult result = ParseStatusCommand(words);
+    line.json = line.json || (result.command && result.command->json);
+    line.status = std::move(result.command);
     return result.error;
   }
   CommandResult result = ParseCommand(words, false);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/command.h"
+#include "tools/status_command.h"
 #include "tools/stun_command.h"
 
 struct CommandLine {
@@ -14,7 +15,8 @@ struct CommandLine {
   bool run = false;
   std::string file;  // of run; empty: standard input
   std::optional<StunCommand> stun;
-  Command command;  // without run and stun
+  std::optional<StatusCommand> status;
+  Command command;  // without run, stun and status
 };
 
 // Without a value the program ends with `exitCode`; what there was to say has been said.

@@ -7,6 +7,7 @@
 #include "tools/printer.h"
 #include "tools/runner.h"
 #include "tools/session.h"
+#include "tools/status_runner.h"
 #include "tools/stun_runner.h"
 
 int main(int argc, char** argv) {
@@ -20,6 +21,8 @@ int main(int argc, char** argv) {
 
   Printer printer(line->json);
   if (line->stun) return static_cast<int>(RunStun(*line->stun, line->timeoutMs, printer));
+
+  if (line->status) return static_cast<int>(RunStatus(*line->status, line->runtimeDir, line->timeoutMs, printer));
 
   Session session(line->runtimeDir, line->timeoutMs, printer);
   if (line->run) return static_cast<int>(RunLines(line->file, session));
