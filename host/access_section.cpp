@@ -14,6 +14,19 @@ std::string ReadUser(const toml::node& node, AccountLookup& accounts, uid_t& uid
 
 }  // namespace
 
+void ReadStatusGroup(ConfigSection& section, AccountLookup& accounts, std::optional<gid_t>& group) {
+  std::string name;
+  section.Text("status_group", name);
+  gid_t gid = 0;
+  const std::string fault = name.empty() ? "" : accounts.Find(AccountLookup::GROUP, name, gid);
+  if (!fault.empty()) {
+    return section.Refuse("status_group", fault);
+  }
+  if (!name.empty()) {
+    group = gid;
+  }
+}
+
 void ReadAccess(ConfigSection& section, AccountLookup& accounts, QueueAccess& access, ConfigErrors& errors) {
   for (const messaging::QueueInfo& queue : messaging::kQueues) {
     const std::string key = std::string(queue.party) + "_users";

@@ -1,11 +1,10 @@
 #include "host/agent_watch.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "host/service_notify.h"
+#include "host/status_words.h"
 
 namespace {
 
@@ -26,12 +25,6 @@ std::string PartyNames(std::uint32_t parties) {
     }
   }
   return names.empty() ? " none" : names;
-}
-
-std::string AddressText(std::uint32_t address) {
-  char text[INET_ADDRSTRLEN] = "";
-  ::inet_ntop(AF_INET, &address, text, sizeof text);
-  return text;
 }
 
 // Four looks in the time the service manager waits, so that one answer may come late.

@@ -172,6 +172,7 @@ ConfigResult ReadTable(const toml::table& root, ConfigErrors& errors, std::chron
   nat.RefuseUnknown();
   ReadStun(stun, settings.nat);
   CheckStunUse(nat, settings.nat);
+  ReadStatusGroup(access, accounts, settings.statusGroup);
   ReadAccess(access, accounts, settings.access, errors);
   RefuseUnknownSections(root, errors);
 

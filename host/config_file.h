@@ -13,7 +13,8 @@
 struct HostSettings {
   MediaConfig media;
   NatConfig nat;
-  QueueAccess access;  // not the agent's: the host hands it to the queues
+  QueueAccess access;                // not the agent's: the host hands it to the queues
+  std::optional<gid_t> statusGroup;  // of status.sock
 };
 
 // What holds without a configuration file: the usual ports, no public address, no STUN, no exclusions.

@@ -9,6 +9,7 @@
 
 #include "host/agent_watch.h"
 #include "host/config_drop_ins.h"
+#include "host/config_report.h"
 #include "host/service_notify.h"
 #include "platform/journal.h"
 #include "platform/messaging/runtime_dir.h"
@@ -114,6 +115,7 @@ int Daemon::Run() {
     exitCode = Serve();
   }
   NotifyStopping();
+  m_status.reset();
   m_library.stopNatMain();
   m_library.Unload();
   if (exitCode == kExitOk) {
@@ -133,14 +135,17 @@ std::string Daemon::Prepare() {
   if (!m_lease->IsHeld()) {
     return m_lease->Fault();
   }
-  ExportLogDir(m_dirs);
   if (std::string fault = m_library.Load(); !fault.empty()) {
     return fault;
   }
   if (const int error = m_library.useRuntimeDir(m_dirs.runtime.c_str(), m_lease->Lock()); error != 0) {
     return "cannot hand over the runtime directory " + m_dirs.runtime + ": " + std::strerror(error);
   }
-  LimitQueues();
+  if (const int error = m_library.useLogDir(m_dirs.log.c_str()); error != 0) {
+    return "cannot hand over the log directory " + m_dirs.log + ": " + std::strerror(error);
+  }
+  m_status.emplace(*m_lease, m_library);
+  ApplyAccess(m_startOrigin);
   return {};
 }
 
@@ -220,12 +225,21 @@ void Daemon::Reload() {
   m_lastGood.Keep(config->text);
   const HostSettings& current = m_source.Current();
   const u16 changes = ChangesBetween(current, config->settings);
-  if (changes == 0 && current.access == config->settings.access) {
+  if (changes == 0 && current.access == config->settings.access &&
+      current.statusGroup == config->settings.statusGroup) {
+    m_status->SetConfig(DescribeConfig(current, config->origin));
     return JournalNotice("natagentd: read " + config->origin + ", nothing has changed");
   }
   m_source.Replace(std::move(config->settings), [&] { m_library.updateNatMain(changes); });
-  LimitQueues();
+  ApplyAccess(config->origin);
   JournalNotice("natagentd: changed to the " + config->origin);
+}
+
+void Daemon::ApplyAccess(const std::string& origin) {
+  LimitQueues();
+  const HostSettings& settings = m_source.Current();
+  m_status->SetGroup(settings.statusGroup);
+  m_status->SetConfig(DescribeConfig(settings, origin));
 }
 
 void Daemon::LimitQueues() {

@@ -10,6 +10,7 @@
 #include "host/config_file.h"
 #include "host/host_config_source.h"
 #include "host/last_good_config.h"
+#include "host/status_server.h"
 #include "platform/messaging/runtime_dir_lease.h"
 
 struct LoadedConfig {
@@ -51,6 +52,8 @@ class Daemon {
   int Serve();
   bool AreQueuesOpen();
   void Reload();
+  // Whoever may connect, and what readers of the status are told.
+  void ApplyAccess(const std::string& origin);
   void LimitQueues();
 
   const sigset_t m_signals;
@@ -62,5 +65,6 @@ class Daemon {
   HostConfigSource m_source;
   std::optional<messaging::RuntimeDirLease> m_lease;  // the library, which shares it, goes first
   AgentLibrary m_library;
-  bool m_reloadAsked = false;  // by a SIGHUP that came while the agent was starting
+  std::optional<StatusServer> m_status;  // while the library is loaded
+  bool m_reloadAsked = false;            // by a SIGHUP that came while the agent was starting
 };

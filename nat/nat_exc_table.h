@@ -1,6 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <list>
+#include <optional>
+#include <span>
+#include <vector>
 
 #include "platform/thread_safety.h"
 #include "platform/types.h"
@@ -26,9 +30,15 @@ class NatExcTable {
   // 1 when a rule matches the address, else 0.
   u32 IsExcluded(u32 address) NAT_EXCLUDES(lock);
 
+  // The first rule that matches.
+  std::optional<NatExcEntry> Find(u32 address) NAT_EXCLUDES(lock);
+  std::size_t Size() NAT_EXCLUDES(lock);
+  // Copies rules from the one of this number on; how many.
+  std::size_t Copy(std::size_t from, std::span<NatExcEntry> to) NAT_EXCLUDES(lock);
+
  private:
   void Clear() NAT_REQUIRES(lock) { rules.clear(); }
 
   ThreadMutex lock;
-  std::list<NatExcEntry> rules NAT_GUARDED_BY(lock);
+  std::vector<NatExcEntry> rules NAT_GUARDED_BY(lock);
 };

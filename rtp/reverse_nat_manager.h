@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <list>
 #include <map>
+#include <span>
+#include <vector>
 
+#include "agent/host.h"
 #include "nat/nat_records.h"
 
 // The RTP translations handed out: per query id the public endpoints in the order they were handed out, and for each
@@ -27,6 +29,9 @@ class ReverseNatManager {
   // False when the id is not known.
   bool DeleteRevTarget(const u64& queryId);
 
+  // Fills what was handed out, from the place on, in the order of the ids; moves the place and returns how many.
+  std::size_t List(NatHostPlace& place, std::span<NatHostCall> rows) const;
+
   // How many query ids have translations.
   std::size_t OpenIds() const { return revTargets.size(); }
 
@@ -41,7 +46,7 @@ class ReverseNatManager {
 
   void TellManyIds();
 
-  std::map<u64, std::list<NatItem>> revTargets;
+  std::map<u64, std::vector<NatItem>> revTargets;
   std::map<Endpoint, Endpoint> revMappings;  // public -> local
   std::size_t m_manyIds = kFirstManyIds;     // the number that the journal says next
 };

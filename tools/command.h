@@ -9,7 +9,22 @@
 #include "client/natclient.h"
 #include "tools/stun_command.h"
 
-enum class CommandKind { RUN, CONNECT, DISCONNECT, CS, CS_LIST, RTP, REVERSE, CLOSE, UPDATE, WAIT, WATCH, STUN, HELP };
+enum class CommandKind {
+  RUN,
+  CONNECT,
+  DISCONNECT,
+  CS,
+  CS_LIST,
+  RTP,
+  REVERSE,
+  CLOSE,
+  UPDATE,
+  WAIT,
+  WATCH,
+  STUN,
+  STATUS,  // status, monitor and explain
+  HELP
+};
 
 // One command, ready to be carried out. Which fields count depends on the kind.
 struct Command {

@@ -101,6 +101,14 @@ std::string TakeWords(const CLI::App& app, const std::vector<std::string>& behin
   if (words.empty()) {
     return "a command is missing";
   }
+  const Grammar* grammar = FindGrammar(words.front());
+  if (grammar != nullptr && grammar->kind == CommandKind::STATUS) {
+    StatusCommandResult result = ParseStatusCommand(words);
+    line.json = line.json || (result.command && result.command->json);
+    line.command.kind = CommandKind::STATUS;
+    line.status = std::move(result.command);
+    return result.error;
+  }
   CommandResult result = ParseCommand(words, false);
   if (result.command) {
     line.command = std::move(*result.command);

@@ -7,6 +7,7 @@
 #include "tools/printer.h"
 #include "tools/runner.h"
 #include "tools/session.h"
+#include "tools/status_runner.h"
 
 int main(int argc, char** argv) {
   if (!FillStandardDescriptors()) {
@@ -18,6 +19,9 @@ int main(int argc, char** argv) {
   if (!line) return exitCode;
 
   Printer printer(line->json);
+  if (line->status) {
+    return static_cast<int>(RunStatus(*line->status, line->runtimeDir, line->timeouts.answer, printer));
+  }
   Session session(line->runtimeDir, line->timeouts, printer);
   if (line->command.kind == CommandKind::RUN) return static_cast<int>(RunLines(line->command.word, session));
   session.Execute(line->command);

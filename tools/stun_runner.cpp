@@ -9,17 +9,13 @@
 #include <thread>
 
 #include "platform/sockets/host_lookup.h"
+#include "tools/agent_mapping.h"
 #include "tools/parsing.h"
 #include "tools/terminal.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// A request sent past the port's owner would need raw sockets here too, and a party's queue gives decisions only, is
-// taken by the owner as a rule, and loads settings when somebody else connects.
-constexpr const char* kPortInUse =
-    "it is in use by another program; the agent asks from such a port when sip_udp_use_stun or gw_use_stun is on";
 
 std::string Text(const stun::Endpoint& endpoint) {
   return AddressText(endpoint.address) + ":" + std::to_string(endpoint.port);
@@ -30,14 +26,21 @@ double Rounded(std::chrono::microseconds time) { return std::round(static_cast<d
 
 class Runner {
  public:
-  Runner(const Timeouts& timeouts, Printer& printer, const WaitReadable& waitReadable)
-      : m_timeouts(timeouts), m_printer(printer), m_waitReadable(waitReadable), m_query(waitReadable) {}
+  Runner(const std::string& runtimeDir, const Timeouts& timeouts, Printer& printer, const WaitReadable& waitReadable)
+      : m_runtimeDir(runtimeDir),
+        m_timeouts(timeouts),
+        m_printer(printer),
+        m_waitReadable(waitReadable),
+        m_query(waitReadable) {}
 
   ExitStatus Run(const StunCommand& command) {
-    if (const int error = m_query.Bind(command.localPort); error != 0) {
+    const int error = m_query.Bind(command.localPort);
+    if (error == EADDRINUSE && command.localPort != 0) {
+      TellLearnt(command.localPort);
+    } else if (error != 0) {
       const std::string port = command.localPort == 0 ? "a port" : "port " + std::to_string(command.localPort);
-      const std::string reason = error == EADDRINUSE ? kPortInUse : std::generic_category().message(error);
-      Fail(Json{{"error", "local-port"}}, "", "UDP " + port + " cannot be bound: " + reason);
+      Fail(Json{{"error", "local-port"}}, "",
+           "UDP " + port + " cannot be bound: " + std::generic_category().message(error));
     } else {
       for (const StunCommand::Server& server : command.servers) AskServer(server);
       if (m_asked > 1) Compare();
@@ -46,6 +49,27 @@ class Runner {
   }
 
  private:
+  // The port belongs to another program. The agent asks from it without taking it, so what the agent has learnt is
+  // told. It is read from status.sock: a party's queue gives decisions only, is taken by the port's owner as a rule,
+  // and loads settings when somebody else connects.
+  void TellLearnt(u16 port) {
+    std::string error;
+    const auto row = FindLearntPort(m_runtimeDir, port, stun::Clock::now() + m_timeouts.contact, error);
+    const std::string local = "*:" + std::to_string(port);
+    if (!row) {
+      const std::string why = error.empty() ? "has learnt nothing of it (sip_udp_use_stun, gw_use_stun)"
+                                            : "cannot be asked for it: " + error;
+      return Fail(Json{{"error", "local-port"}}, "",
+                  "UDP port " + std::to_string(port) +
+                      " cannot be bound: it is in use by another program, and the agent " + why);
+    }
+    const std::string server = row->value("server", "");
+    const std::string mapped = row->value("mapped", "");
+    const Json age = row->value("age_s", Json());
+    Tell(Json{{"stun", server}, {"local", local}, {"mapped", mapped}, {"by", "agent"}, {"age_s", age}},
+         Printable(server + "  " + local + " -> " + mapped) + "  by the agent, " + age.dump() + " s ago");
+  }
+
   // On a thread of its own, so that the waiting stays with who lends it.
   std::vector<u32> LookUp(const std::string& host) {
     const auto deadline = stun::Clock::now() + m_timeouts.answer;
@@ -121,6 +145,7 @@ class Runner {
     return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
 
+  const std::string& m_runtimeDir;
   const Timeouts& m_timeouts;
   Printer& m_printer;
   const WaitReadable& m_waitReadable;
@@ -132,7 +157,7 @@ class Runner {
 
 }  // namespace
 
-ExitStatus RunStun(const StunCommand& command, const Timeouts& timeouts, Printer& printer,
-                   const WaitReadable& waitReadable) {
-  return Runner(timeouts, printer, waitReadable).Run(command);
+ExitStatus RunStun(const StunCommand& command, const std::string& runtimeDir, const Timeouts& timeouts,
+                   Printer& printer, const WaitReadable& waitReadable) {
+  return Runner(runtimeDir, timeouts, printer, waitReadable).Run(command);
 }

@@ -70,6 +70,7 @@ bool PartyQueue::IsEmptyPacket() const {
 }
 
 void PartyQueue::RefuseMessage(const messaging::FrameFault& fault) {
+  NoteRefusal(m_party, fault.reason, fault.text);
   Answer(FrameKind::REFUSED, m_message.queryId, static_cast<u32>(fault.reason)).text = fault.text;
   SendFrame();
 }
@@ -83,6 +84,7 @@ Frame& PartyQueue::Answer(FrameKind kind, u64 queryId, u32 value) {
 
 bool PartyQueue::SendAnswer() {
   const bool sent = RequestScope::IsFor(m_account) && SendFrame();
+  m_counts.undelivered += sent ? 0 : 1;
   RequestScope::Answered();
   return sent;
 }

@@ -31,6 +31,11 @@ class PortQueue {
   // A mapping was told for it.
   void SetKnown(u16 number) { m_ports.at(number).isKnown = true; }
 
+  // Of a port that is there: its state, and while it rests when its turn is.
+  std::pair<PortState, TimePoint> StateOf(u16 number) const {
+    const Port& port = m_ports.at(number);
+    return {port.state, port.turn};
+  }
   bool IsUrgent(u16 number) const { return m_ports.at(number).isUrgent; }
 
   bool HasDue() const { return !m_due.empty(); }

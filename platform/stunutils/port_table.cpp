@@ -32,9 +32,14 @@ bool PortTable::IsSignalling(u16 port) const {
 }
 
 Mapping::Told PortTable::Tell(u16 port, const Endpoint& mapped, const Endpoint& server) {
-  Mapping& mapping = m_ports.at(port).mapping;
+  Port& entry = m_ports.at(port);
+  Mapping& mapping = entry.mapping;
+  const Endpoint before = mapping.Mapped();
   m_knownSize += mapping.Mapped().Known() ? 0 : 1;
   const Mapping::Told told = mapping.Tell(mapped, server);
+  if (before.Known() && before != mapping.Mapped()) {
+    entry.before = before;
+  }
   if (told == Mapping::Told::CHANGED) {
     m_changed.insert(port);
   }
@@ -51,12 +56,24 @@ Mapping PortTable::Find(u16 port) const {
   return found == m_ports.end() ? Mapping() : found->second.mapping;
 }
 
+std::optional<PortTable::View> PortTable::FindFrom(u32 port) const {
+  const auto found = port > UINT16_MAX ? m_ports.end() : m_ports.lower_bound(static_cast<u16>(port));
+  if (found == m_ports.end()) {
+    return std::nullopt;
+  }
+  const auto& [number, entry] = *found;
+  return View{number, !IsSignalling(number), entry.mapping, entry.before, entry.heard};
+}
+
 std::optional<u16> PortTable::Unsettled() const {
   return m_unsettled.empty() ? std::nullopt : std::optional(*m_unsettled.begin());
 }
 
 void PortTable::Forget() {
   for (auto& [number, port] : m_ports) {
+    if (port.mapping.Mapped().Known()) {
+      port.before = port.mapping.Mapped();
+    }
     port.mapping.Forget();
   }
   m_knownSize = 0;

@@ -39,7 +39,7 @@ std::string ExampleText() {
 }
 
 TEST(ConfigFile, TheExampleIsReadFieldByField) {
-  const auto [media, nat, access] = Valid(ExampleText());
+  const auto [media, nat, access, statusGroup] = Valid(ExampleText());
   const u32 publicIp = inet_addr("203.0.113.7");
   EXPECT_THAT((std::vector<u32>{media.rtpPortStart, media.rtpPortEnd, media.rtcpEnabled}),
               ElementsAre(10000, 10199, 1));
@@ -80,7 +80,9 @@ TEST(ConfigFile, DefaultsAndEdgesThatAreValid) {
 }
 
 TEST(ConfigFile, QueuesAreLimitedToUsersByNameOrNumber) {
-  const QueueAccess access = Valid("[access]\nsip_users = ['root', '1001']\ncgi_users = []\n").access;
+  const auto [media, nat, access, statusGroup] =
+      Valid("[access]\nsip_users = ['root', '1001']\ncgi_users = []\nstatus_group = 'root'\n");
+  EXPECT_EQ(statusGroup, 0u);
   EXPECT_EQ(access, (QueueAccess{{112, {0, 1001}}, {102, {}}}));
   std::string many;
   for (int i = 0; i < 65; ++i) {
@@ -149,6 +151,8 @@ TEST(ConfigFile, ARefusalNamesFileLineKeyAndReason) {
       {"[[nat.exclusions]]\nip = 'ten'\nmask = '255.0.0.0'\n",
        "f.toml:2: nat.exclusions[0].ip: \"ten\" is not a dotted"},
       {"[access]\nsip_user = []\n", "f.toml:2: access.sip_user: unknown key"},
+      {"[access]\nstatus_group = 'no such'\n", "f.toml:2: access.status_group: must not contain blanks"},
+      {"[access]\nstatus_group = '-1'\n", "f.toml:2: access.status_group: \"-1\" is not a group of this system"},
       {"[access]\ncm_users = 'root'\n", "f.toml:2: access.cm_users: must be an array, is a string"},
       {"[access]\ncc_users = [ 'root',\n 1001 ]\n", "f.toml:3: access.cc_users: must be a string, is an integer"},
       {"[access]\ncgi_users = [ '-1' ]\n", "f.toml:2: access.cgi_users: \"-1\" is not a user of this system"},
