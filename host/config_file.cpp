@@ -61,7 +61,7 @@ void ReadExclusions(ConfigSection& section, NatConfig& nat, ConfigErrors& errors
     }
     ConfigSection rule(node.as_table(), name, errors);
     NatExcRuleText text;
-    rule.AddressText("ip", text.ipText);
+    rule.IpText("ip", text.ipText);
     rule.MaskText("mask", text.maskText);
     rule.RefuseUnknown();
     nat.natExclusions.push_back(std::move(text));
