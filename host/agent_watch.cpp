@@ -41,7 +41,7 @@ std::string DescribeHealth(const NatHostHealth& health) {
   if (health.ports != 0) {
     text += "; STUN: " + std::to_string(health.ports_learnt) + " of " + std::to_string(health.ports) + " ports learnt";
   }
-  return text + "; uplink: " + (health.uplink == 0 ? "none" : AddressText(health.uplink));
+  return text + "; uplink: " + (health.uplink == 0 ? "none" : IpText(health.uplink));
 }
 
 AgentWatch::AgentWatch(const AgentLibrary& library)

@@ -19,12 +19,12 @@ Json Nat(const NatConfig& nat) {
             {"sip_udp_port", nat.sipUdpPort},
             {"sip_tcp_port", nat.sipTcpPort},
             {"sip_udp_use_stun", nat.sipUdpUseStun != 0},
-            {"sip_udp_public_ip", AddressText(nat.sipUdpPublicIp)},
+            {"sip_udp_public_ip", IpText(nat.sipUdpPublicIp)},
             {"sip_udp_public_port", nat.sipUdpPublicPort},
-            {"sip_tcp_public_ip", AddressText(nat.sipTcpPublicIp)},
+            {"sip_tcp_public_ip", IpText(nat.sipTcpPublicIp)},
             {"sip_tcp_public_port", nat.sipTcpPublicPort},
             {"gw_use_stun", nat.gwUseStun != 0},
-            {"gw_public_ip", AddressText(nat.gwPublicIp)},
+            {"gw_public_ip", IpText(nat.gwPublicIp)},
             {"gw_public_port_start", nat.gwPublicPortStart},
             {"gw_public_port_end", nat.gwPublicPortEnd}};
   told["exclusions"] = nat.natExclusions.size();  // the rules themselves are a listing of their own

@@ -197,7 +197,7 @@ bool ConfigSection::Require(std::string_view key) {
   return false;
 }
 
-void ConfigSection::AddressText(std::string_view key, std::string& value) {
+void ConfigSection::IpText(std::string_view key, std::string& value) {
   std::string text;
   u32 address = 0;
   if (Require(key) && DottedQuad(key, text, address)) value = std::move(text);

@@ -33,7 +33,7 @@ class ConfigSection {
   void Texts(std::string_view key, std::vector<std::string>& values);
 
   // A dotted quad, and one that is a mask of leading ones; both stay texts and must be there.
-  void AddressText(std::string_view key, std::string& value);
+  void IpText(std::string_view key, std::string& value);
   void MaskText(std::string_view key, std::string& value);
 
   bool Has(std::string_view key) const { return m_table != nullptr && m_table->contains(key); }

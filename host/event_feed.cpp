@@ -15,7 +15,7 @@ Json Endpoint(const NatHostEndpoint& endpoint) {
   return endpoint.ip == 0 ? Json(nullptr) : Json(EndpointText(endpoint));
 }
 
-Json Address(std::uint32_t ip) { return ip == 0 ? Json(nullptr) : Json(AddressText(ip)); }
+Json Address(std::uint32_t ip) { return ip == 0 ? Json(nullptr) : Json(IpText(ip)); }
 
 const char* EventWord(std::uint32_t kind) {
   switch (kind) {

@@ -49,7 +49,7 @@ void ReadExclusions(ConfigSection& section, NatConfig& nat, ConfigErrors& errors
       rule = *parsed;
     } else if (node.is_table()) {
       ConfigSection table(node.as_table(), name, errors);
-      table.AddressText("ip", rule.ipText);
+      table.IpText("ip", rule.ipText);
       table.MaskText("mask", rule.maskText);
       table.RefuseUnknown();
     } else {

@@ -71,7 +71,7 @@ class Explanation {
     if (m_question.destination == 0) {
       return text + " has no IPv4 address: it is taken as one behind the gateway";
     }
-    const std::string address = AddressText(m_question.destination);
+    const std::string address = IpText(m_question.destination);
     return text == address ? address : text + " is " + address;
   }
 
@@ -89,10 +89,10 @@ class Explanation {
     }
     const std::string interface = InterfaceOf(m_found.interface_ip);
     const std::string from =
-        "leaves from " + AddressText(m_found.interface_ip) + (interface.empty() ? "" : " on " + interface);
+        "leaves from " + IpText(m_found.interface_ip) + (interface.empty() ? "" : " on " + interface);
     return m_found.gateway == 0            ? from + ", on an attached network"
            : m_found.gateway == UINT32_MAX ? from + " through a gateway without an IPv4 address"
-                                           : from + " through the gateway " + AddressText(m_found.gateway);
+                                           : from + " through the gateway " + IpText(m_found.gateway);
   }
 
   std::string Exclusions() const {
@@ -100,9 +100,9 @@ class Explanation {
       return "none are loaded yet: they come with the first connection of cm";
     }
     const std::string rules = std::to_string(m_status.exclusions) + " in force";
-    return m_found.is_excluded == 0 ? rules + ", none matches"
-                                    : rules + ", " + AddressText(m_found.rule.ip) + " with mask " +
-                                          AddressText(m_found.rule.mask) + " matches";
+    return m_found.is_excluded == 0
+               ? rules + ", none matches"
+               : rules + ", " + IpText(m_found.rule.ip) + " with mask " + IpText(m_found.rule.mask) + " matches";
   }
 
   std::string Settings() const {
@@ -143,13 +143,13 @@ class Explanation {
       if (row.what != wanted) {
         continue;
       }
-      const std::string local = (row.local_ip == 0 ? "" : AddressText(row.local_ip) + ":") +
+      const std::string local = (row.local_ip == 0 ? "" : IpText(row.local_ip) + ":") +
                                 std::to_string(row.local_start) + "-" + std::to_string(row.local_end);
       if (row.local_start <= m_found.local.port && m_found.local.port <= row.local_end &&
           (!IsMedia() || row.local_ip == m_found.local.ip)) {
         return row.by == NAT_HOST_BY_STUN ? Learnt()
                : row.public_ip == 0       ? local + " has no public address"
-                                          : local + " is seen as " + AddressText(row.public_ip) + ":" +
+                                          : local + " is seen as " + IpText(row.public_ip) + ":" +
                                           std::to_string(row.public_start) + "-" + std::to_string(row.public_end);
       }
       others += (others.empty() ? "" : ", ") + local;
@@ -195,7 +195,7 @@ class Explanation {
       case NAT_WHY_NO_GATEWAY_ADDRESS:
         return "set nat.gw_interface to an interface that is up and has an IPv4 address, then let cm connect anew";
       case NAT_WHY_OTHER_LOCAL_ADDRESS:
-        return AddressText(m_found.local.ip) +
+        return IpText(m_found.local.ip) +
                " is not an address that nat.gw_interface had when cm connected: ask for the right one, or let cm "
                "connect "
                "anew";

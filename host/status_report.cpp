@@ -41,10 +41,10 @@ Json Uplink(const NatHostStatus& status) {
   if (status.uplink_ip == 0) {
     return Json{{"address", nullptr}};
   }
-  Json uplink{{"address", AddressText(status.uplink_ip)}, {"interface", InterfaceOf(status.uplink_ip)}};
+  Json uplink{{"address", IpText(status.uplink_ip)}, {"interface", InterfaceOf(status.uplink_ip)}};
   uplink["gateway"] = status.uplink_gateway == 0            ? Json(nullptr)
                       : status.uplink_gateway == UINT32_MAX ? Json("without an IPv4 address")
-                                                            : Json(AddressText(status.uplink_gateway));
+                                                            : Json(IpText(status.uplink_gateway));
   return uplink;
 }
 
@@ -99,15 +99,15 @@ std::string PortsText(std::uint16_t first, std::uint16_t last) {
 
 Json TellMapping(const NatHostMapping& row) {
   constexpr const char* kBys[] = {"nothing", "configuration", "stun"};
-  Json told{{"mapping", WhatWord(row.what)},
-            {"by", kBys[row.by % std::size(kBys)]},
-            {"party", row.what == NAT_HOST_MEDIA ? "cm" : "sip"},
-            {"local",
-             (row.local_ip == 0 ? "*" : AddressText(row.local_ip)) + ":" + PortsText(row.local_start, row.local_end)}};
+  Json told{
+      {"mapping", WhatWord(row.what)},
+      {"by", kBys[row.by % std::size(kBys)]},
+      {"party", row.what == NAT_HOST_MEDIA ? "cm" : "sip"},
+      {"local", (row.local_ip == 0 ? "*" : IpText(row.local_ip)) + ":" + PortsText(row.local_start, row.local_end)}};
   if (row.by == NAT_HOST_BY_CONFIGURATION) {
     told["public"] = row.public_ip == 0
                          ? Json(nullptr)
-                         : Json(AddressText(row.public_ip) + ":" + PortsText(row.public_start, row.public_end));
+                         : Json(IpText(row.public_ip) + ":" + PortsText(row.public_start, row.public_end));
   }
   return told;
 }
@@ -135,9 +135,7 @@ Json TellCall(const NatHostCall& row) {
           {"public", EndpointText(row.mapped)}};
 }
 
-Json TellExclusion(const NatHostExclusion& row) {
-  return {{"ip", AddressText(row.ip)}, {"mask", AddressText(row.mask)}};
-}
+Json TellExclusion(const NatHostExclusion& row) { return {{"ip", IpText(row.ip)}, {"mask", IpText(row.mask)}}; }
 
 Json TellName(const NatHostName& row) {
   Json told{{"name", row.name}, {"party", PartyWord(row.queue)}, {"id", row.id}, {"items", row.items}};

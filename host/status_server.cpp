@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
 
 constexpr mode_t kMode = 0660;
-constexpr int kBacklog = 16;
+constexpr int kBacklog = 128;
 constexpr auto kRest = 250ms;
 constexpr auto kLookUpStep = 20ms;
 constexpr auto kLookUpLimit = 8s;

@@ -104,14 +104,14 @@ const char* LoadWord(std::uint32_t state) {
   return Word(kWords, state);
 }
 
-std::string AddressText(std::uint32_t address) {
+std::string IpText(std::uint32_t address) {
   char text[INET_ADDRSTRLEN] = "";
   ::inet_ntop(AF_INET, &address, text, sizeof text);
   return text;
 }
 
 std::string EndpointText(const NatHostEndpoint& endpoint) {
-  return endpoint.ip == 0 ? "unknown" : AddressText(endpoint.ip) + ":" + std::to_string(endpoint.port);
+  return endpoint.ip == 0 ? "unknown" : IpText(endpoint.ip) + ":" + std::to_string(endpoint.port);
 }
 
 std::string TimeText(std::int64_t time) {

@@ -19,7 +19,7 @@ const char* NatWord(std::uint32_t nat);         // "same"
 const char* LoadWord(std::uint32_t state);      // "loaded"
 
 // "10.77.0.2", from network byte order.
-std::string AddressText(std::uint32_t address);
+std::string IpText(std::uint32_t address);
 // "10.77.0.2:5060"; "unknown" without an address.
 std::string EndpointText(const NatHostEndpoint& endpoint);
 // "2026-11-23T11:15:19.250Z", from milliseconds since 1970.
