@@ -15,7 +15,8 @@ target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
 
 install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES docs/architecture.md docs/protocol.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES docs/architecture.md docs/one-way-audio.md docs/protocol.md docs/which-parties.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natctl)
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natagentd)
 install(FILES tools/completion/natctl.zsh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions RENAME _natctl)

@@ -277,7 +277,7 @@ TEST(ConfigChanges, EveryFieldIsToldWithItsBit) {
       {"rtcp_enabled   = true", "rtcp_enabled   = false", 0x0080},
       {"\"*\"", "\"eth0\"", 0x0080},
       {"gw_use_stun          = false", "gw_use_stun          = true", 0x0080},
-      {"255.0.0.0", "255.255.0.0", 0x0080},
+      {"10.0.0.0/8", "10.0.0.0/9", 0x0080},
       {"stun.example.net", "stun.example.org", 0x2000},
       {"server_port = 3478", "server_port = 3479", 0x2000},
   };
