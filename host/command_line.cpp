@@ -3,11 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-namespace {
+#include "platform/journal.h"
 
-std::string FailureText(const CLI::App* app, const CLI::Error& error) {
-  return app->get_name() + ": " + error.what() + "\n";
-}
+namespace {
 
 // What an empty shell variable leaves is no wish for the default.
 std::string CheckName(const std::string& name) { return name.empty() ? "the name is empty" : ""; }
@@ -33,7 +31,6 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode
                  "Directory of the last good configuration (default: $NATAGENT_STATE_DIR or /var/lib/natagent)")
       ->check(CheckName)
       ->type_name("DIR");
-  app.failure_message(FailureText);
   app.add_flag("--check", parsed.check, "Check the configuration and exit");
   app.set_version_flag("--version", "natagentd " NATAGENT_VERSION);
   app.footer(
@@ -42,9 +39,15 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    exitCode = app.exit(error) == 0 ? kExitOk : kExitUsage;
-    if (exitCode == kExitOk && !std::cout.flush()) {
-      std::cerr << "natagentd: cannot write to standard output\n";
+    if (error.get_exit_code() != 0) {
+      JournalError(std::string("natagentd: ") + error.what());
+      exitCode = kExitUsage;
+      return std::nullopt;
+    }
+    app.exit(error);  // prints the help or the version
+    exitCode = kExitOk;
+    if (!std::cout.flush()) {
+      JournalError("natagentd: cannot write to standard output");
       exitCode = kExitFailed;
     }
     return std::nullopt;
