@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "host/status_request.h"
 #include "tools/command.h"
 #include "tools/line_reader.h"
 #include "tools/parsing.h"
-#include "host/status_request.h"
 #include "tools/status_command.h"
 #include "tools/stun_command.h"
 
