@@ -270,7 +270,7 @@ NAT_HOST_EXPORT int NatHostListCalls(struct NatHostPlace* place, struct NatHostC
 
 NAT_HOST_EXPORT int NatHostListExclusions(struct NatHostPlace* place, struct NatHostExclusion* rows, size_t count);
 
-// A request that waits for its destination's name.
+// A request that waits for its destination's name; the first 512 are listed.
 struct NatHostName {
   size_t size;
   uint64_t id;

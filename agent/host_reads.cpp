@@ -18,6 +18,8 @@ namespace {
 // Rows copied in one hold. A row of the RTP table costs a search in it, others a step or a search in a small table.
 constexpr std::size_t kCallRows = 8;
 constexpr std::size_t kRows = 16;
+// Requests that wait for names form a list, which is walked from its beginning.
+constexpr u64 kMaxNames = 512;
 
 // The settings lock, taken without standing in the way of the agent or of a reload, which are not delayed by one that
 // waits so; and given up on, so that a hung agent holds nobody else.
@@ -254,9 +256,9 @@ int NatAgent::ReadStatus(NatHostStatus& status) {
 int NatAgent::ListNames(NatHostPlace& place, std::span<NatHostName> rows) {
   constexpr int kQueues[] = {114, 112, 113, 115};  // by protocol
   auto query = std::next(m_pendingQueries.begin(),
-                         static_cast<std::ptrdiff_t>(std::min<u64>(place.at, m_pendingQueries.size())));
+                         static_cast<std::ptrdiff_t>(std::min<u64>({place.at, m_pendingQueries.size(), kMaxNames})));
   std::size_t count = 0;
-  for (; query != m_pendingQueries.end() && count < rows.size(); ++query, ++place.at) {
+  for (; query != m_pendingQueries.end() && count < rows.size() && place.at < kMaxNames; ++query, ++place.at) {
     NatHostName& row = rows[count++];
     row.id = query->queryId;
     row.queue = kQueues[query->proto & 3U];

@@ -8,14 +8,18 @@ install(TARGETS natagentd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS natctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 install(FILES client/natclient.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natclient)
-install(FILES agent/natagent.h agent/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/agent)
+# <natagent/host.h> is C; what a host in C++ may use beside it lies under natagent/ as it does here.
+install(FILES agent/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent)
+install(FILES agent/natagent.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/agent)
 install(FILES nat/host_config.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/nat)
 install(FILES platform/types.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/platform)
 target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
+# What the public headers need.
+target_compile_features(natagent INTERFACE c_std_11 cxx_std_11)
 
 install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES docs/architecture.md docs/one-way-audio.md docs/protocol.md docs/which-parties.md
+install(FILES docs/architecture.md docs/one-way-audio.md docs/protocol.md docs/status.md docs/which-parties.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natctl)
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natagentd)

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "host/status_request.h"
 #include "tools/command.h"
 #include "tools/command_line.h"
 #include "tools/line_reader.h"
 #include "tools/parsing.h"
+#include "tools/status_command.h"
 #include "tools/stun_command.h"
 
 namespace {
@@ -149,6 +151,34 @@ TEST(NatctlStun, ServersAndPort) {
     const StunCommandResult result = ParseStunCommand(SplitWords(line));
     EXPECT_FALSE(result.command.has_value()) << line;
     EXPECT_THAT(result.error, testing::StartsWith("stun: ")) << line;
+  }
+}
+
+TEST(NatctlStatus, WordsAndTheRequestThatTheyBecome) {
+  const struct {
+    const char* line;
+    const char* request;  // or what is wrong
+  } tests[] = {
+      {"status", R"({"get":"summary"})"},
+      {"status calls --json", R"({"get":"calls"})"},
+      {"status --format openmetrics", R"({"get":"summary"})"},
+      {"monitor --log", R"({"monitor":true,"log":true})"},
+      {"explain cc pbx.example 10.77.0.2:10000 rtp server=sip",
+       R"({"explain":{"party":"cc","dest":"pbx.example","ip":"10.77.0.2","port":10000,"kind":"rtp","server":"sip"}})"},
+      {"status call", "status: 'call' is not a topic"},
+      {"status calls names", "status: 'names' is one topic too many"},
+      {"status calls --format openmetrics", "status: --format openmetrics stands alone"},
+      {"status --format", "status: --format: text, json or openmetrics is missing"},
+      {"monitor sip", "monitor: 'sip' is too much"},
+      {"explain sip host", "explain: PARTY DEST IP:PORT are needed"},
+      {"explain sip host 1.2.3.4:5 udp tcp", "explain: 'tcp' is one too many"},
+      {"explain cgi host 1.2.3.4:5", "explain: 'cgi' is not a party"},
+  };
+  for (const auto& [line, request] : tests) {
+    const StatusCommandResult result = ParseStatusCommand(SplitWords(line));
+    EXPECT_THAT(result.command ? result.command->request.dump() : result.error, testing::StartsWith(request)) << line;
+    // What natctl sends is what natagentd takes.
+    EXPECT_TRUE(!result.command || ParseStatusRequest(result.command->request.dump()).request) << line;
   }
 }
 
