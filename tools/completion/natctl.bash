@@ -8,7 +8,7 @@ _natctl() {
   local given=() i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
-      --runtime-dir | --timeout | --local-port) ((i++)) ;;
+      --runtime-dir | --timeout | --local-port | --format) ((i++)) ;;
       -*) ;;
       *) given+=("${words[i]}") ;;
     esac
@@ -22,17 +22,27 @@ _natctl() {
       return
       ;;
     --timeout | --local-port) return ;;
+    --format)
+      COMPREPLY=($(compgen -W "text json openmetrics" -- "$cur"))
+      return
+      ;;
   esac
   if [[ $cur == -* ]]; then
     choices="--runtime-dir --json --timeout --help --version -h -V"
-    [[ ${given[0]-} == stun ]] && choices+=" --local-port"
+    case ${given[0]-} in
+      stun) choices+=" --local-port" ;;
+      status) choices+=" --format" ;;
+      monitor) choices+=" --log" ;;
+    esac
   else
     case ${given[0]-}:${#given[@]} in
-      :0) choices="run cs cs-list rtp reverse close update wait watch stun help" ;;
-      help:1) choices="run connect disconnect cs cs-list rtp reverse close update wait watch stun" ;;
+      :0) choices="run cs cs-list rtp reverse close update wait watch stun status monitor explain help" ;;
+      help:1) choices="run connect disconnect cs cs-list rtp reverse close update wait watch stun status monitor explain" ;;
       run:1) _filedir ;;
-      cs:1 | cs-list:1 | rtp:1 | reverse:1 | close:1 | watch:1) choices=$parties ;;
-      cs:3) choices=$addresses ;;
+      cs:1 | cs-list:1 | rtp:1 | reverse:1 | close:1 | watch:1 | explain:1) choices=$parties ;;
+      cs:3 | explain:3) choices=$addresses ;;
+      explain:[4-9]) choices="udp tcp tls rtp server=sip server=cm server=cc" ;;
+      status:1) choices="parties mappings stun calls exclusions names config counters uplink" ;;
       cs:[4-9]) choices="udp tcp tls id= value= nowait" ;;
       cs-list:[3-9]* | reverse:[2-9]*) choices="$addresses id= value= nowait" ;;
       rtp:[3-9]*) choices="$addresses server=sip server=cm server=cc id= nowait" ;;

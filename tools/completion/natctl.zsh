@@ -26,6 +26,9 @@ local -a commands=(
   'wait:print until some seconds pass in silence'
   'watch:print until interrupted'
   'stun:ask STUN servers, without the agent'
+  'status:what the agent knows and has done'
+  'monitor:what happens, until interrupted'
+  'explain:why an answer is as it is'
   'help:what a command takes'
 )
 local -a parties=(sip q113 cm cc cgi)
@@ -52,8 +55,12 @@ _natctl_rest() {
 case $words[1]:$CURRENT in
   run:2) _files ;;
   help:2) _describe command commands ;;
-  (cs|cs-list|rtp|reverse|close|watch):2) _wanted party expl party compadd -a parties ;;
-  cs:4) _natctl_rest 1 ;;
+  (cs|cs-list|rtp|reverse|close|watch|explain):2) _wanted party expl party compadd -a parties ;;
+  (cs|explain):4) _natctl_rest 1 ;;
+  explain:<5->) _natctl_rest 0 udp tcp tls rtp server={sip,cm,cc} ;;
+  status:*) _arguments '--format[how to print]:format:(text json openmetrics)' \
+    '*:topic:(parties mappings stun calls exclusions names config counters uplink)' ;;
+  monitor:*) _arguments '--log[the lines of natagent.log too]' ;;
   cs:<5->) _natctl_rest 0 udp tcp tls nowait id= value= ;;
   cs-list:<4->|reverse:<3->) _natctl_rest 1 nowait id= value= ;;
   rtp:<4->) _natctl_rest 1 nowait id= server={sip,cm,cc} ;;
