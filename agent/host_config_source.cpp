@@ -26,6 +26,7 @@ std::string Dotted(uint32_t address) {
 class CallbackSource final : public ConfigSource {
  public:
   CallbackSource(NatHostConfigNeeded needed, void* context) : m_needed(needed), m_context(context) {}
+  virtual ~CallbackSource() = default;
 
   HostConfig* GetConfig() override {
     NatHostConfig given{};

@@ -185,7 +185,7 @@ std::size_t ListOfQueue(int number, u64& within, std::span<NatHostCounter> rows)
   std::size_t count = 0;
   u64 begin = 0;
   for (const auto& block : kBlocks) {
-    const u64 end = begin + block.kinds * block.reasons;
+    const u64 end = begin + u64{block.kinds} * block.reasons;
     for (; within < end && count < rows.size(); ++within) {
       if (within < begin) {
         within = begin;

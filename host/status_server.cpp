@@ -124,7 +124,7 @@ void StatusServer::Run() {
 StatusServer::Clock::time_point StatusServer::NextDeadline() const {
   Clock::time_point next = m_restEnd > Clock::now() ? m_restEnd : Clock::time_point::max();
   for (const auto& client : m_clients) {
-    next = std::min(next, client->HasLine()            ? Clock::time_point::min()
+    next = std::min(next, client->HasLine()            ? Clock::time_point{}
                           : client->waiting != nullptr ? Clock::now() + kLookUpStep
                                                        : client->Deadline());
   }

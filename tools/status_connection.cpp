@@ -16,7 +16,7 @@ bool StatusConnection::Fail(const std::string& what, int error) {
   return false;
 }
 
-bool StatusConnection::Open(std::string runtimeDir) {
+bool StatusConnection::Open(const std::string& runtimeDir) {
   const std::string path = (runtimeDir.empty() ? messaging::RuntimeDir() : runtimeDir) + "/status.sock";
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

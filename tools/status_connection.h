@@ -13,7 +13,7 @@ class StatusConnection {
   using Clock = std::chrono::steady_clock;
 
   // An empty directory: the default.
-  bool Open(std::string runtimeDir);
+  bool Open(const std::string& runtimeDir);
 
   bool Send(const nlohmann::ordered_json& request, Clock::time_point deadline);
 
