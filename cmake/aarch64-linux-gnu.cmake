@@ -1,5 +1,5 @@
 # A build for arm64 with Debian's cross compiler. CMAKE_SYSROOT is a directory with the libraries' arm64 packages, as
-# tests/install/arm64_sysroot makes one; without it they come from this system (dpkg --add-architecture arm64).
+# scripts/arm64_sysroot makes one; without it they come from this system (dpkg --add-architecture arm64).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

@@ -169,7 +169,10 @@ class Daemon(Program):
         wait_until(lambda: self.log().count(text) >= times, f"{times} x {text!r} in the log")
 
     def reload(self, config):
-        self.config_path.write_text(config)
+        # In one step: the daemon may be reading for an earlier signal still.
+        new = self.config_path.with_suffix(".new")
+        new.write_text(config)
+        new.replace(self.config_path)
         self.signal(signal.SIGHUP)
 
     def resident_kb(self):
