@@ -9,6 +9,7 @@
 
 // Before _NatAgent, whose destructor still uses them: statics of one file go in the reverse order of their definition.
 SettingsLock g_settingsLock;
+std::shared_ptr<void> g_hostsSource;
 ConfigSource* g_configSource = nullptr;
 void* g_agentThread = nullptr;
 NatAgent _NatAgent;

@@ -1,6 +1,7 @@
 #include "agent/nat_agent.h"
 
 #include "agent/faults.h"
+#include "agent/host_events.h"
 #include "agent/library_state.h"
 #include "messaging/nat_agent_messenger.h"
 #include "platform/vxsysutils/thread.h"
@@ -61,6 +62,7 @@ bool NatAgent::Start() {
     ran = m_messenger->Run();  // it has stopped the agent: the messenger and the log are gone
   });
   if (!ran) {
+    HostEvents::Tell(NAT_EVENT_FAILED, "the main loop could not run");
     Log().Trace("Error Can't Start Nat Agent Messenger\r\n", kLogOrdinary);
     Stop();
   }
@@ -82,12 +84,18 @@ bool NatAgent::Stop() {
   }
   StopWorkers();
   DestroyParts();
+  HostEvents::Tell(NAT_EVENT_STOPPED, "");
   return true;
 }
 
 void NatAgent::CreateParts() {
   ScopedLock lock(g_settingsLock);
-  m_log = new NatLogOut(kLogFile);
+  m_startedAt = SettingsState::Now();
+  m_settings.signalling = m_settings.media = {};
+  m_counters = {};
+  m_changedMappings = 0;
+  m_toldUplink = m_upLinkIp;
+  m_log = new NatLogOut((m_logDir.empty() ? kLogFile : m_logDir + "/" + kLogFile).c_str());
   m_qorStorage = new QorMappingStorage;
   m_configManager = new NatConfigManager;
   m_messenger = new NatAgentMessenger;

@@ -3,9 +3,12 @@
 #include <atomic>
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 
+#include "agent/counters.h"
 #include "agent/health.h"
+#include "agent/host.h"
 #include "agent/nat_log_out.h"
 #include "agent/natagent.h"
 #include "agent/run_link.h"
@@ -14,6 +17,7 @@
 #include "nat/nat_exc_table.h"
 #include "nat/nat_records.h"
 #include "nat/qor_mapping_storage.h"
+#include "nat/settings_state.h"
 #include "platform/vxnetutils/route_helper.h"
 #include "platform/vxsysutils/thread_event.h"
 #include "platform/vxsysutils/thread_mutex.h"
@@ -101,6 +105,14 @@ class NATAGENT_EXPORT NatAgent {
   void BeginTurn() NAT_REQUIRES(g_settingsLock) { m_routeHelper.BeginTurn(); }
   void EndTurn() NAT_REQUIRES(g_settingsLock) { m_routeHelper.EndTurn(); }
 
+  // What a host reads, see host.h: results as there, each within one short hold of the settings lock. Any thread.
+  int ReadStatus(NatHostStatus& status) NAT_EXCLUDES(g_settingsLock);
+  int Explain(const NatHostQuestion& question, NatHostExplanation& explanation) NAT_EXCLUDES(g_settingsLock);
+  int ListNames(NatHostPlace& place, std::span<NatHostName> rows) NAT_REQUIRES(g_settingsLock);
+  const ReverseNatManager& Calls() const NAT_REQUIRES(g_settingsLock) { return m_reverseNat; }
+  // From the next start on; empty: where the environment says.
+  void UseLogDir(std::string dir) NAT_EXCLUDES(g_settingsLock);
+
   // The log, or one that writes nowhere while the agent does not run.
   NatLogOut& Log() { return m_log != nullptr ? *m_log : m_noLog; }
 
@@ -118,13 +130,29 @@ class NATAGENT_EXPORT NatAgent {
 
   StunManagerWrapper m_stunWrapper;
   NatExcTable m_excTable;
-  NatAgentMessenger* m_messenger;  // agent thread; other threads reach it through m_run
+  SettingsState m_settings NAT_GUARDED_BY(g_settingsLock);
+  std::atomic<u64> m_changedMappings = 0;  // that STUN told of
+  Counters m_counters;                     // turns of the main loop; read under the settings lock
+  NatAgentMessenger* m_messenger;          // agent thread; other threads reach it through m_run
 
  private:
   friend unsigned long IpUpDownInformer(void* run);
   friend unsigned long HostNameResolver(void* run);
 
   NatCAMessenger* ChannelOf(const CA_PROTO& proto);
+
+  // The decisions alone, with their reasons (NAT_WHY_...): nothing is logged or recorded, and to EXPLAIN nothing is
+  // asked of STUN.
+  using Purpose = QorMappingStorage::Purpose;
+  u32 DecideCS(u32 destIp, CA_PROTO proto, NatSetting& setting, Purpose purpose) NAT_REQUIRES(g_settingsLock);
+  u32 DecideGw(u32 remoteIp, CA_PROTO callServer, NatSetting& setting, Purpose purpose) NAT_REQUIRES(g_settingsLock);
+  // Why no mapping belongs to a local address.
+  u32 WhyNoGw() NAT_REQUIRES(g_settingsLock);
+  // Decides, logs and records.
+  u32 HandOutGw(u64 queryId, u32 remoteIp, CA_PROTO callServer, NatSetting& setting) NAT_REQUIRES(g_settingsLock);
+  // In the journal, once until media settings are loaded again.
+  void TellMediaMiss(CA_PROTO party) NAT_REQUIRES(g_settingsLock);
+
   // Issues a request again, now that its destination is known, whatever is thrown meanwhile.
   void Reissue(const ResolveQuery& query, u32 address) NAT_REQUIRES(g_settingsLock);
   // Queues the list's only name for a channel's party.
@@ -169,6 +197,9 @@ class NATAGENT_EXPORT NatAgent {
   Health m_health;
   ThreadMutex m_runMutex;
   std::shared_ptr<RunLink> m_run NAT_GUARDED_BY(m_runMutex);
+  u32 m_toldUplink NAT_GUARDED_BY(g_settingsLock) = 0;  // to the host
+  std::string m_logDir NAT_GUARDED_BY(g_settingsLock);
+  std::int64_t m_startedAt NAT_GUARDED_BY(g_settingsLock) = 0;  // milliseconds since 1970
 };
 
 // The worker threads' functions. The argument is the run that the thread was started for (RunLink::Take), and through

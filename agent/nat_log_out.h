@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <list>
 #include <string>
 
@@ -45,9 +46,11 @@ class NatLogOut {
   void LogRevRtpResponse(const u64& queryId, const std::list<NatRespItem>& respItems);
 
  private:
+  void TraceList(u8 level, const char* format, va_list& arguments) noexcept __attribute__((format(printf, 3, 0)));
   // The endpoints of a request, and what ends their dump.
   void LogItems(const std::list<NatItem>& items, const char* end);
 
+  const bool m_isWritten;
   LogStream m_stream;
   std::string m_text;  // the dump being put together; keeps its room between requests
 };

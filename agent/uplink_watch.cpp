@@ -1,7 +1,23 @@
 // The uplink address: one thread waits for route changes and flags them; comparing and reacting is the main loop's.
 
+#include <utility>
+
 #include "agent/faults.h"
+#include "agent/host_events.h"
 #include "agent/nat_agent.h"
+
+namespace {
+
+void TellUplink(u32 before, u32 now) {
+  if (before != now && HostEvents::Wants(NAT_EVENT_UPLINK)) {
+    NatHostEvent event = HostEvents::Make(NAT_EVENT_UPLINK);
+    event.before.ip = before;
+    event.now.ip = now;
+    HostEvents::Tell(event);
+  }
+}
+
+}  // namespace
 
 unsigned long IpUpDownInformer(void* argument) {
   const auto run = RunLink::Take(argument);
@@ -55,6 +71,7 @@ void NatAgent::FollowUplink() {
   u32 viaGateway = 0;
   const bool found = m_routeHelper.GetOutInterface(0, address, viaGateway);
   if (found && address != m_upLinkIp) {
+    TellUplink(std::exchange(m_toldUplink, address), address);
     m_upLinkIp = address;
     Log().Trace("UpLink IP Up\r\n", kLogOrdinary);
     m_qorStorage->FollowUplink(address);
@@ -65,5 +82,6 @@ void NatAgent::FollowUplink() {
     m_stunWrapper.OnUpLinkChanged(false);
     // Forgotten, so that the loss is handled once and its return, also with this address, counts as coming up.
     m_upLinkIp = 0;
+    TellUplink(std::exchange(m_toldUplink, 0), 0);
   }
 }

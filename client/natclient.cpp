@@ -48,6 +48,8 @@ int natclient_wait(natclient* client, int timeout_ms) { return Wait(client, POLL
 
 int natclient_wait_writable(natclient* client, int timeout_ms) { return Wait(client, POLLOUT, timeout_ms); }
 
+const char* natclient_version() { return NATAGENT_VERSION; }
+
 const char* natclient_strerror(int error) {
   switch (error < 0 ? -error : error) {
     case 0:

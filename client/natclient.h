@@ -144,6 +144,9 @@ NATCLIENT_API int natclient_wait_writable(natclient* client, int timeout_ms);
 /* A constant text. */
 NATCLIENT_API const char* natclient_strerror(int error);
 
+/* The version of the library that runs, as "0.1.0"; a constant text. */
+NATCLIENT_API const char* natclient_version(void);
+
 #ifdef __cplusplus
 }
 #endif

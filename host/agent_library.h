@@ -27,6 +27,17 @@ class AgentLibrary {
   decltype(&::NatHostLimitQueue) limitQueue = nullptr;
   decltype(&::NatHostCheckQueues) checkQueues = nullptr;
   decltype(&::NatHostReadHealth) readHealth = nullptr;
+  decltype(&::NatHostUseLogDir) useLogDir = nullptr;
+  decltype(&::NatHostListen) listen = nullptr;
+  decltype(&::NatHostReadStatus) readStatus = nullptr;
+  decltype(&::NatHostReadParty) readParty = nullptr;
+  decltype(&::NatHostListMappings) listMappings = nullptr;
+  decltype(&::NatHostListPorts) listPorts = nullptr;
+  decltype(&::NatHostListCalls) listCalls = nullptr;
+  decltype(&::NatHostListExclusions) listExclusions = nullptr;
+  decltype(&::NatHostListNames) listNames = nullptr;
+  decltype(&::NatHostListCounters) listCounters = nullptr;
+  decltype(&::NatHostExplain) explain = nullptr;
 
  private:
   void* m_handle = nullptr;

@@ -1,11 +1,10 @@
 #include "host/agent_watch.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "host/service_notify.h"
+#include "host/status_words.h"
 
 namespace {
 
@@ -28,12 +27,6 @@ std::string PartyNames(std::uint32_t parties) {
   return names.empty() ? " none" : names;
 }
 
-std::string AddressText(std::uint32_t address) {
-  char text[INET_ADDRSTRLEN] = "";
-  ::inet_ntop(AF_INET, &address, text, sizeof text);
-  return text;
-}
-
 // Four looks in the time the service manager waits, so that one answer may come late.
 AgentWatch::Clock::duration LookEvery(AgentWatch::Clock::duration watchdog) {
   const AgentWatch::Clock::duration quarter = watchdog / 4;
@@ -48,7 +41,7 @@ std::string DescribeHealth(const NatHostHealth& health) {
   if (health.ports != 0) {
     text += "; STUN: " + std::to_string(health.ports_learnt) + " of " + std::to_string(health.ports) + " ports learnt";
   }
-  return text + "; uplink: " + (health.uplink == 0 ? "none" : AddressText(health.uplink));
+  return text + "; uplink: " + (health.uplink == 0 ? "none" : IpText(health.uplink));
 }
 
 AgentWatch::AgentWatch(const AgentLibrary& library)

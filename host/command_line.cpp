@@ -2,11 +2,26 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <string_view>
+#include <vector>
+
+#include "platform/did_you_mean.h"
+#include "platform/journal.h"
 
 namespace {
 
-std::string FailureText(const CLI::App* app, const CLI::Error& error) {
-  return app->get_name() + ": " + error.what() + "\n";
+// What is wrong, with the option that was meant when a word is none.
+std::string FaultText(const CLI::App& app, const CLI::ParseError& error) {
+  std::vector<std::string> known;
+  for (const CLI::Option* option : app.get_options()) {
+    known.push_back("--" + option->get_lnames().front());
+  }
+  const std::vector<std::string_view> names(known.begin(), known.end());
+  std::string text = std::string("natagentd: ") + error.what();
+  for (const std::string& word : app.remaining()) {
+    text += DidYouMean(word.substr(0, word.find('=')), names);
+  }
+  return text;
 }
 
 // What an empty shell variable leaves is no wish for the default.
@@ -33,18 +48,24 @@ std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode
                  "Directory of the last good configuration (default: $NATAGENT_STATE_DIR or /var/lib/natagent)")
       ->check(CheckName)
       ->type_name("DIR");
-  app.failure_message(FailureText);
   app.add_flag("--check", parsed.check, "Check the configuration and exit");
-  app.set_version_flag("--version", "natagentd " NATAGENT_VERSION);
+  app.add_flag("--print-config", parsed.printConfig, "Print the settings and where each comes from, and exit");
+  app.set_version_flag("-V,--version", "natagentd " NATAGENT_VERSION);
   app.footer(
       "SIGHUP reads the configuration again; a wrong one keeps the settings that hold. SIGTERM and SIGINT stop the "
       "agent.\nExit status: 0 stopped, or checked; 1 the agent cannot run; 2 wrong usage or configuration.");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    exitCode = app.exit(error) == 0 ? kExitOk : kExitUsage;
-    if (exitCode == kExitOk && !std::cout.flush()) {
-      std::cerr << "natagentd: cannot write to standard output\n";
+    if (error.get_exit_code() != 0) {
+      JournalError(FaultText(app, error));
+      exitCode = kExitUsage;
+      return std::nullopt;
+    }
+    app.exit(error);  // prints the help or the version
+    exitCode = kExitOk;
+    if (!std::cout.flush()) {
+      JournalError("natagentd: cannot write to standard output");
       exitCode = kExitFailed;
     }
     return std::nullopt;

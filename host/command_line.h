@@ -10,6 +10,7 @@ struct CommandLine {
   RuntimeDirs dirs;      // empty: as ResolveDirs
   std::string stateDir;  // empty: as LastGoodConfig
   bool check = false;
+  bool printConfig = false;
 };
 
 inline constexpr const char* kDefaultConfig = "/etc/natagent/natagentd.toml";

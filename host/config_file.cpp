@@ -9,9 +9,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/config_drop_ins.h"
 #include "host/config_section.h"
 #include "host/config_text.h"
+#include "host/exclusions_section.h"
 #include "host/stun_config.h"
+#include "platform/did_you_mean.h"
 #include "platform/unique_fd.h"
 
 namespace {
@@ -20,11 +23,13 @@ constexpr u16 kNatChanged = 0x0080;
 constexpr u16 kStunChanged = 0x2000;
 constexpr std::size_t kMaxFile = 1 << 20;  // bytes; far above any configuration, far below what memory holds
 
+constexpr std::string_view kSections[] = {"media", "nat", "stun", "access"};
+
 const toml::table* Section(const toml::table& root, std::string_view name, ConfigErrors& errors) {
   const toml::node* node = root.get(name);
   if (node == nullptr) return nullptr;
   if (node->as_table() == nullptr) {
-    errors.Add(node->source().begin.line, name, "must be a table, is " + std::string(TomlTypeName(node->type())));
+    errors.Add(node->source(), name, "must be a table, is " + std::string(TomlTypeName(node->type())));
   }
   return node->as_table();
 }
@@ -32,8 +37,8 @@ const toml::table* Section(const toml::table& root, std::string_view name, Confi
 void RefuseUnknownSections(const toml::table& root, ConfigErrors& errors) {
   for (const auto& [key, node] : root) {
     const std::string_view name = key.str();
-    if (name == "media" || name == "nat" || name == "stun" || name == "access") continue;
-    errors.Add(key.source().begin.line, name, node.is_table() ? "unknown table" : "unknown key");
+    if (std::find(std::begin(kSections), std::end(kSections), name) != std::end(kSections)) continue;
+    errors.Add(key.source(), name, (node.is_table() ? "unknown table" : "unknown key") + DidYouMean(name, kSections));
   }
 }
 
@@ -49,34 +54,15 @@ void ReadMedia(ConfigSection& section, MediaConfig& media) {
   }
 }
 
-void ReadExclusions(ConfigSection& section, NatConfig& nat, ConfigErrors& errors) {
-  const toml::array* rules = section.Array("exclusions");
-  if (rules == nullptr) return;
-  std::size_t index = 0;
-  for (const toml::node& node : *rules) {
-    const std::string name = "nat.exclusions[" + std::to_string(index++) + "]";
-    if (!node.is_table()) {
-      errors.Add(node.source().begin.line, name, "must be a table, is " + std::string(TomlTypeName(node.type())));
-      continue;
-    }
-    ConfigSection rule(node.as_table(), name, errors);
-    NatExcRuleText text;
-    rule.AddressText("ip", text.ipText);
-    rule.MaskText("mask", text.maskText);
-    rule.RefuseUnknown();
-    nat.natExclusions.push_back(std::move(text));
-  }
-}
-
 // A public port that is not named is the local one: a router that forwards without renumbering.
 void ReadSip(ConfigSection& section, NatConfig& nat) {
   section.Port("sip_udp_port", nat.sipUdpPort);
   section.Port("sip_tcp_port", nat.sipTcpPort);
   section.Flag("sip_udp_use_stun", nat.sipUdpUseStun);
-  section.Address("sip_udp_public_ip", nat.sipUdpPublicIp);
+  section.PublicAddress("sip_udp_public_ip", nat.sipUdpPublicIp);
   nat.sipUdpPublicPort = nat.sipUdpPort;
   section.PortOrNone("sip_udp_public_port", nat.sipUdpPublicPort);
-  section.Address("sip_tcp_public_ip", nat.sipTcpPublicIp);
+  section.PublicAddress("sip_tcp_public_ip", nat.sipTcpPublicIp);
   nat.sipTcpPublicPort = nat.sipTcpPort;
   section.PortOrNone("sip_tcp_public_port", nat.sipTcpPublicPort);
   if (nat.sipUdpPublicIp != 0 && nat.sipUdpPublicPort == 0) {
@@ -106,7 +92,7 @@ void CheckGwRange(ConfigSection& section, const MediaConfig& media, const NatCon
 void ReadGw(ConfigSection& section, const MediaConfig& media, NatConfig& nat) {
   section.Text("gw_interface", nat.gwInterface);
   section.Flag("gw_use_stun", nat.gwUseStun);
-  section.Address("gw_public_ip", nat.gwPublicIp);
+  section.PublicAddress("gw_public_ip", nat.gwPublicIp);
   nat.gwPublicPortStart = media.rtpPortStart;
   section.PortOrNone("gw_public_port_start", nat.gwPublicPortStart);
   const int span = media.rtpPortEnd - media.rtpPortStart;
@@ -155,17 +141,30 @@ NatConfig WithoutStun(NatConfig nat) {
   return nat;
 }
 
-ConfigResult ReadParsed(const toml::parse_result& parsed, ConfigErrors& errors) {
-  if (!parsed) {
-    errors.Add(parsed.error().source().begin.line, "", parsed.error().description());
-    return {std::nullopt, {}, errors.Texts()};
+// Parses one text into `root`; what is wrong with it goes to the errors.
+void ParseText(std::string_view text, const std::string& file, toml::table& root, ConfigErrors& errors) {
+  if (const auto fault = CheckConfigText(text)) {
+    return errors.Add(fault->line, "", fault->reason);
   }
-  const toml::table& root = parsed.table();
+  try {
+    toml::parse_result parsed = toml::parse(text, file);
+    if (!parsed) {
+      return errors.Add(parsed.error().source().begin.line, "", parsed.error().description());
+    }
+    Override(root, std::move(parsed).table());
+  } catch (const TomlAssertion& assertion) {
+    errors.Add(0, "", std::string("cannot be parsed: ") + assertion.what());
+  }
+}
+
+ConfigResult ReadTable(const toml::table& root, ConfigErrors& errors, std::chrono::milliseconds namesWithin) {
+  ConfigResult result;
   HostSettings settings = DefaultSettings();
-  ConfigSection media(Section(root, "media", errors), "media", errors);
-  ConfigSection nat(Section(root, "nat", errors), "nat", errors);
-  ConfigSection stun(Section(root, "stun", errors), "stun", errors);
-  ConfigSection access(Section(root, "access", errors), "access", errors);
+  AccountLookup accounts(namesWithin);
+  ConfigSection media(Section(root, "media", errors), "media", errors, &result.values);
+  ConfigSection nat(Section(root, "nat", errors), "nat", errors, &result.values);
+  ConfigSection stun(Section(root, "stun", errors), "stun", errors, &result.values);
+  ConfigSection access(Section(root, "access", errors), "access", errors, &result.values);
   ReadMedia(media, settings.media);
   ReadSip(nat, settings.nat);
   ReadGw(nat, settings.media, settings.nat);
@@ -173,11 +172,22 @@ ConfigResult ReadParsed(const toml::parse_result& parsed, ConfigErrors& errors) 
   nat.RefuseUnknown();
   ReadStun(stun, settings.nat);
   CheckStunUse(nat, settings.nat);
-  ReadAccess(access, settings.access, errors);
+  ReadStatusGroup(access, accounts, settings.statusGroup);
+  ReadAccess(access, accounts, settings.access, errors);
   RefuseUnknownSections(root, errors);
 
-  if (!errors.Empty()) return {std::nullopt, {}, errors.Texts()};
-  return {std::move(settings), {}, {}};
+  result.errors = errors.Texts();
+  result.isPassing = accounts.IsPassing();
+  if (result.errors.empty()) {
+    result.settings = std::move(settings);
+  }
+  return result;
+}
+
+ConfigResult Refused(const ConfigErrors& errors) {
+  ConfigResult result;
+  result.errors = errors.Texts();
+  return result;
 }
 
 }  // namespace
@@ -201,18 +211,11 @@ u16 ChangesBetween(const HostSettings& before, const HostSettings& after) {
   return changes;
 }
 
-ConfigResult ParseConfig(std::string_view text, const std::string& file) {
+ConfigResult ParseConfig(std::string_view text, const std::string& file, std::chrono::milliseconds namesWithin) {
   ConfigErrors errors(file);
-  if (const auto fault = CheckConfigText(text)) {
-    errors.Add(fault->line, "", fault->reason);
-    return {std::nullopt, {}, errors.Texts()};
-  }
-  try {
-    return ReadParsed(toml::parse(text, file), errors);
-  } catch (const TomlAssertion& assertion) {
-    errors.Add(0, "", std::string("cannot be parsed: ") + assertion.what());
-    return {std::nullopt, {}, errors.Texts()};
-  }
+  toml::table root;
+  ParseText(text, file, root, errors);
+  return errors.Empty() ? ReadTable(root, errors, namesWithin) : Refused(errors);
 }
 
 ConfigResult ReadConfig(const std::string& file) {
@@ -225,5 +228,34 @@ ConfigResult ReadConfig(const std::string& file) {
   }
   ConfigErrors errors(file);
   errors.Add(0, "", "cannot be read: " + fault);
-  return {std::nullopt, {}, errors.Texts()};
+  return Refused(errors);
+}
+
+ConfigResult ReadConfigWithDropIns(const std::string& file, std::chrono::milliseconds namesWithin) {
+  const DropIns dropIns = FindDropIns(file);
+  std::vector<std::string> files{file};
+  files.insert(files.end(), dropIns.files.begin(), dropIns.files.end());
+  ConfigErrors errors(file);
+  toml::table root;
+  std::string text;
+  for (const std::string& each : files) {
+    if (&each != &files.front()) {
+      errors.BeginFile(each);
+    }
+    text.clear();
+    const std::string fault = ReadFile(each, text);
+    if (fault.empty()) {
+      ParseText(text, each, root, errors);
+    } else {
+      errors.Add(0, "", "cannot be read: " + fault);
+    }
+  }
+  if (!dropIns.fault.empty()) {
+    errors.BeginFile(dropIns.directory);
+    errors.Add(0, "", "cannot be read: " + dropIns.fault);
+  }
+  ConfigResult result = errors.Empty() ? ReadTable(root, errors, namesWithin) : Refused(errors);
+  result.text = files.size() == 1 ? std::move(text) : RenderConfig(result.values);
+  result.files = std::move(files);
+  return result;
 }

@@ -2,11 +2,14 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
 #include "host/agent_watch.h"
+#include "host/config_drop_ins.h"
+#include "host/config_report.h"
 #include "host/service_notify.h"
 #include "platform/journal.h"
 #include "platform/messaging/runtime_dir.h"
@@ -19,40 +22,52 @@ constexpr auto kQueuesDeadline = std::chrono::seconds(5);
 constexpr timespec kQueuesPoll{0, 10'000'000};  // ns
 constexpr std::size_t kMaxFault = 512;          // bytes
 
+// How long a reload may wait for the names of users: with the half of the service manager's time that passes between
+// two signs of life it stays within the whole.
+std::chrono::milliseconds NamesWithin() {
+  constexpr std::chrono::milliseconds kLongest(5000);
+  const auto quarter = std::chrono::duration_cast<std::chrono::milliseconds>(WatchdogInterval() / 4);
+  return quarter.count() == 0 ? kLongest : std::min(kLongest, quarter);
+}
+
 timespec TimespecOf(AgentWatch::Clock::duration duration) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
   return {seconds.count(), std::chrono::nanoseconds(duration - seconds).count()};
 }
 
-// The default file counts from the moment it exists; once read, it has to stay. One that is there and cannot be read,
-// or whose link leads nowhere, is an error.
+// The default file counts from the moment that it or a drop-in of it exists; once read, it has to stay. One that is
+// there and cannot be read, or whose link leads nowhere, is an error.
 void ChooseFile(std::string& file) {
   struct stat found {};
-  if (file.empty() && (::lstat(kDefaultConfig, &found) == 0 || (errno != ENOENT && errno != ENOTDIR))) {
+  if (file.empty() && (::lstat(kDefaultConfig, &found) == 0 || (errno != ENOENT && errno != ENOTDIR) ||
+                       !FindDropIns(kDefaultConfig).files.empty())) {
     file = kDefaultConfig;
   }
 }
 
 }  // namespace
 
-std::optional<LoadedConfig> LoadConfig(std::string& file) {
+std::optional<LoadedConfig> LoadConfig(std::string& file, std::chrono::milliseconds namesWithin, int& exitCode) {
   ChooseFile(file);
-  if (file.empty()) {
-    return LoadedConfig{DefaultSettings(), {}, "built-in settings"};
-  }
-  ConfigResult result = ReadConfig(file);
+  ConfigResult result = file.empty() ? ParseConfig("", file) : ReadConfigWithDropIns(file, namesWithin);
   JournalErrors(result.errors);
   if (!result.settings) {
+    exitCode = result.isPassing ? kExitFailed : kExitUsage;
     return std::nullopt;
   }
-  return LoadedConfig{std::move(*result.settings), std::move(result.text), "settings of " + file};
+  std::string origin = file.empty() ? "built-in settings" : "settings of " + file;
+  if (result.files.size() > 1) {
+    origin += " and " + std::to_string(result.files.size() - 1) + " in conf.d";
+  }
+  return LoadedConfig{std::move(*result.settings), std::move(result.text), std::move(origin), std::move(result.values),
+                      std::move(result.files)};
 }
 
-std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood) {
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood, int& exitCode) {
   if (file.empty() && lastGood.IsAfterCrash() && !lastGood.Kept().text.empty()) {
     file = kDefaultConfig;  // the run before had one: should it be gone, its limits must not go silently
   }
-  std::optional<LoadedConfig> config = LoadConfig(file);
+  std::optional<LoadedConfig> config = LoadConfig(file, kNamesWithin, exitCode);
   if (config || !lastGood.IsAfterCrash()) {
     return config;
   }
@@ -63,7 +78,7 @@ std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodC
   }
   JournalError("natagentd: " + file +
                " is wrong, and the last run did not end by a stop: going on with the last good settings");
-  return LoadedConfig{*kept.settings, kept.text, "last good settings, not those of " + file};
+  return LoadedConfig{*kept.settings, kept.text, "last good settings, not those of " + file, {}, {}};
 }
 
 sigset_t TakeSignals() {
@@ -100,6 +115,7 @@ int Daemon::Run() {
     exitCode = Serve();
   }
   NotifyStopping();
+  m_status.reset();
   m_library.stopNatMain();
   m_library.Unload();
   if (exitCode == kExitOk) {
@@ -119,14 +135,17 @@ std::string Daemon::Prepare() {
   if (!m_lease->IsHeld()) {
     return m_lease->Fault();
   }
-  ExportLogDir(m_dirs);
   if (std::string fault = m_library.Load(); !fault.empty()) {
     return fault;
   }
   if (const int error = m_library.useRuntimeDir(m_dirs.runtime.c_str(), m_lease->Lock()); error != 0) {
     return "cannot hand over the runtime directory " + m_dirs.runtime + ": " + std::strerror(error);
   }
-  LimitQueues();
+  if (const int error = m_library.useLogDir(m_dirs.log.c_str()); error != 0) {
+    return "cannot hand over the log directory " + m_dirs.log + ": " + std::strerror(error);
+  }
+  m_status.emplace(*m_lease, m_library);
+  ApplyAccess(m_startOrigin);
   return {};
 }
 
@@ -198,19 +217,29 @@ bool Daemon::AreQueuesOpen() {
 }
 
 void Daemon::Reload() {
-  std::optional<LoadedConfig> config = LoadConfig(m_configFile);
+  int exitCode = 0;
+  std::optional<LoadedConfig> config = LoadConfig(m_configFile, NamesWithin(), exitCode);
   if (!config) {
     return JournalError("natagentd: the settings stay as they are");
   }
   m_lastGood.Keep(config->text);
   const HostSettings& current = m_source.Current();
   const u16 changes = ChangesBetween(current, config->settings);
-  if (changes == 0 && current.access == config->settings.access) {
+  if (changes == 0 && current.access == config->settings.access &&
+      current.statusGroup == config->settings.statusGroup) {
+    m_status->SetConfig(DescribeConfig(current, config->origin));
     return JournalNotice("natagentd: read " + config->origin + ", nothing has changed");
   }
   m_source.Replace(std::move(config->settings), [&] { m_library.updateNatMain(changes); });
-  LimitQueues();
+  ApplyAccess(config->origin);
   JournalNotice("natagentd: changed to the " + config->origin);
+}
+
+void Daemon::ApplyAccess(const std::string& origin) {
+  LimitQueues();
+  const HostSettings& settings = m_source.Current();
+  m_status->SetGroup(settings.statusGroup);
+  m_status->SetConfig(DescribeConfig(settings, origin));
 }
 
 void Daemon::LimitQueues() {

@@ -10,20 +10,24 @@
 #include "host/config_file.h"
 #include "host/host_config_source.h"
 #include "host/last_good_config.h"
+#include "host/status_server.h"
 #include "platform/messaging/runtime_dir_lease.h"
 
 struct LoadedConfig {
   HostSettings settings;
-  std::string text;    // of the file; empty for the built-in settings, which an empty file means too
+  std::string text;    // that gives them; empty for the built-in settings, which an empty file means too
   std::string origin;  // for people
+  std::vector<ConfigValue> values;
+  std::vector<std::string> files;  // those read; none for the built-in settings
 };
 
-// The configuration of the file the command line names, or of the default one. Without a value the errors have been
-// reported. `file` becomes the file that was read, or stays empty for the built-in settings.
-std::optional<LoadedConfig> LoadConfig(std::string& file);
+// The configuration of the file the command line names, or of the default one, with its drop-ins. Without a value the
+// errors have been reported, and `exitCode` says whether they may pass. `file` becomes the file that was read, or stays
+// empty for the built-in settings.
+std::optional<LoadedConfig> LoadConfig(std::string& file, std::chrono::milliseconds namesWithin, int& exitCode);
 
 // The same at a start; when the file is wrong and the run before crashed, the last configuration that was right.
-std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood);
+std::optional<LoadedConfig> LoadConfigAtStart(std::string& file, const LastGoodConfig& lastGood, int& exitCode);
 
 // Blocks the signals that drive the daemon in this thread and in those it starts, and returns them. Comes before
 // everything else, so that one sent right after the start waits for the daemon instead of killing it.
@@ -48,6 +52,8 @@ class Daemon {
   int Serve();
   bool AreQueuesOpen();
   void Reload();
+  // Whoever may connect, and what readers of the status are told.
+  void ApplyAccess(const std::string& origin);
   void LimitQueues();
 
   const sigset_t m_signals;
@@ -59,5 +65,6 @@ class Daemon {
   HostConfigSource m_source;
   std::optional<messaging::RuntimeDirLease> m_lease;  // the library, which shares it, goes first
   AgentLibrary m_library;
-  bool m_reloadAsked = false;  // by a SIGHUP that came while the agent was starting
+  std::optional<StatusServer> m_status;  // while the library is loaded
+  bool m_reloadAsked = false;            // by a SIGHUP that came while the agent was starting
 };

@@ -11,11 +11,22 @@
 
 namespace {
 
-int TellChecked(const std::string& configFile) {
-  std::printf("%s: ok\n", configFile.empty() ? "built-in settings" : configFile.c_str());
-  if (std::fflush(stdout) == 0) return kExitOk;
+int Print(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return kExitOk;
   JournalError(std::string("natagentd: cannot write: ") + std::strerror(errno));
   return kExitFailed;
+}
+
+// What --check and --print-config print of a configuration that is right.
+std::string Describe(const LoadedConfig& config, bool isPrinted) {
+  if (isPrinted) {
+    return RenderConfig(config.values);
+  }
+  std::string text;
+  for (const std::string& file : config.files) {
+    text += file + ": ok\n";
+  }
+  return text.empty() ? "built-in settings: ok\n" : text;
 }
 
 int Main(int argc, char** argv, const sigset_t& signals) {
@@ -23,13 +34,14 @@ int Main(int argc, char** argv, const sigset_t& signals) {
   std::optional<CommandLine> commandLine = ParseCommandLine(argc, argv, exitCode);
   if (!commandLine) return exitCode;
 
-  if (commandLine->check) {
-    return LoadConfig(commandLine->config) ? TellChecked(commandLine->config) : kExitUsage;
+  if (commandLine->check || commandLine->printConfig) {
+    const std::optional<LoadedConfig> config = LoadConfig(commandLine->config, kNamesWithin, exitCode);
+    return config ? Print(Describe(*config, commandLine->printConfig)) : exitCode;
   }
   LastGoodConfig lastGood(commandLine->stateDir);
-  std::optional<LoadedConfig> config = LoadConfigAtStart(commandLine->config, lastGood);
+  std::optional<LoadedConfig> config = LoadConfigAtStart(commandLine->config, lastGood, exitCode);
   if (!config) {
-    return kExitUsage;
+    return exitCode;
   }
   return Daemon(signals, ResolveDirs(commandLine->dirs), commandLine->config, std::move(*config), lastGood).Run();
 }

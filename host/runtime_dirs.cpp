@@ -42,5 +42,3 @@ std::string PrepareDirs(const RuntimeDirs& dirs) {
   const std::string fault = Prepare(dirs.runtime, 0755);
   return fault.empty() ? Prepare(dirs.log, 0750) : fault;
 }
-
-void ExportLogDir(const RuntimeDirs& dirs) { ::setenv("NATAGENT_LOG_DIR", dirs.log.c_str(), 1); }

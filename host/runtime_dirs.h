@@ -14,6 +14,3 @@ RuntimeDirs ResolveDirs(RuntimeDirs given);
 // Makes the directories when they are missing and checks that they can be used. Returns an empty text, or what is
 // wrong.
 std::string PrepareDirs(const RuntimeDirs& dirs);
-
-// Tells the library, which is loaded next, where the log is.
-void ExportLogDir(const RuntimeDirs& dirs);

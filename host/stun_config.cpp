@@ -47,9 +47,14 @@ void ReadServers(ConfigSection& section, NatConfig& nat) {
 
 // A number has two keys, of which one may be used.
 void ReadNumber(ConfigSection& section, std::string_view key, std::string_view otherKey, u32& value) {
-  section.Number(key, value);
-  section.Number(otherKey, value);
-  if (section.Has(key) && section.Has(otherKey)) {
+  const bool isOld = section.Has(otherKey);
+  if (isOld) {
+    section.Number(otherKey, value);
+  }
+  if (!isOld || section.Has(key)) {
+    section.Number(key, value);
+  }
+  if (isOld && section.Has(key)) {
     section.Refuse(otherKey, "is the same as " + std::string(key) + ": only one of them may be there");
   }
 }

@@ -2,7 +2,9 @@
 
 #include "agent/faults.h"
 #include "agent/host.h"
+#include "agent/host_events.h"
 #include "agent/nat_agent.h"
+#include "platform/messaging/queue_registry.h"
 
 namespace {
 
@@ -39,9 +41,13 @@ NatAgentMessenger::NatAgentMessenger()
       m_poller(std::make_unique<CyclicQueuePoller>(kPollerValue)) {}
 
 bool NatAgentMessenger::Run() {
-  SelectQueues();
+  {
+    ScopedLock lock(g_settingsLock);  // a host may read already
+    SelectQueues();
+  }
   AnnounceOnlineParties();
   m_loopRunning = true;
+  TellStart();
   if (_NatAgent.IsStopRequested()) {
     Stop();  // asked for before there was a loop to end
   }
@@ -51,6 +57,15 @@ bool NatAgentMessenger::Run() {
   _NatAgent.Log().Trace("Nat Messenger stoped\r\n", kLogOrdinary);
   _NatAgent.Stop();  // this object is gone now
   return true;
+}
+
+void NatAgentMessenger::TellStart() {
+  std::string fault;
+  if (messaging::QueueRegistry::Check(fault) == messaging::QueueRegistry::State::OPEN) {
+    HostEvents::Tell(NAT_EVENT_READY, "");
+  } else {
+    HostEvents::Tell(NAT_EVENT_FAILED, fault.c_str());
+  }
 }
 
 void NatAgentMessenger::SelectQueues() {
@@ -131,6 +146,19 @@ u32 NatAgentMessenger::OnlineParties() const {
   return (m_channel112.IsPartyOnline() ? NAT_PARTY_SIP : 0) | (m_channel113.IsPartyOnline() ? NAT_PARTY_Q113 : 0) |
          (m_channel114.IsPartyOnline() ? NAT_PARTY_CM : 0) | (m_channel115.IsPartyOnline() ? NAT_PARTY_CC : 0) |
          (m_cgiChannel.IsPartyOnline() ? NAT_PARTY_CGI : 0);
+}
+
+bool NatAgentMessenger::ReadQueue(int queue, messaging::QueueState& state) const {
+  if (queue == kCgiQueue) {
+    state = m_cgiChannel.State();
+    return true;
+  }
+  const NatCAMessenger* const channels[] = {&m_channel112, &m_channel113, &m_channel114, &m_channel115};
+  if (queue < kSipQueue || queue > kCcQueue) {
+    return false;
+  }
+  state = channels[queue - kSipQueue]->State();
+  return true;
 }
 
 NatCAMessenger* NatAgentMessenger::GetCAMessenger(CA_PROTO proto) {

@@ -28,11 +28,15 @@ class NatAgentMessenger {
   // Whose party is connected, as the bits of agent/host.h. Agent thread.
   u32 OnlineParties() const;
 
+  // What the queue of a number tells of itself; false for a number that is no queue's.
+  bool ReadQueue(int queue, messaging::QueueState& state) const NAT_REQUIRES(g_settingsLock);
+
   // The channel of a call agent's protocol, or null.
   NatCAMessenger* GetCAMessenger(CA_PROTO proto);
 
  private:
-  void SelectQueues();
+  void SelectQueues() NAT_REQUIRES(g_settingsLock);
+  void TellStart();
   void AnnounceOnlineParties();
   // One turn after the wait: what waits at one queue, or of messages that came together all of them.
   void Turn(int queue);

@@ -2,6 +2,7 @@
 
 #include "agent/faults.h"
 #include "agent/nat_agent.h"
+#include "agent/party_events.h"
 #include "messaging/nat_agent_messenger.h"
 #include "platform/messaging/late_request.h"
 #include "platform/sockets/inet.h"
@@ -30,6 +31,7 @@ bool IsAddress(const std::string& destination, u32& address) {
 }  // namespace
 
 bool NatCAMessenger::OnPartyStateChanged(bool online) {
+  TellParty(online, m_number, State());
   if (!online) {
     _NatAgent.LeaveBehind(m_proto);
   }
@@ -65,8 +67,11 @@ bool NatCAMessenger::LoadSettings() {
   }
 }
 
+void NatCAMessenger::OnRefused(const messaging::Refusal& refusal) { TellRefusal(m_number, refusal); }
+
 u32 NatCAMessenger::OnRequestCSNatMapping(const u64& queryId, const std::string& destination, const NatItem& item,
                                           const NatPortType& portType, const u32& value) {
+  _NatAgent.m_counters.CountRequest(m_proto, KIND_CS);
   try {
     u32 address = 0;
     if (IsAddress(destination, address)) {
@@ -82,6 +87,7 @@ u32 NatCAMessenger::OnRequestCSNatMapping(const u64& queryId, const std::string&
 
 u32 NatCAMessenger::OnRequestCSNatMapping(const u64& queryId, const std::string& destination,
                                           const std::list<NatItem>& items, const u32& value) {
+  _NatAgent.m_counters.CountRequest(m_proto, KIND_CS_LIST);
   try {
     u32 address = 0;
     if (IsAddress(destination, address)) {
@@ -97,6 +103,7 @@ u32 NatCAMessenger::OnRequestCSNatMapping(const u64& queryId, const std::string&
 
 u32 NatCAMessenger::OnRequestRTPNatMapping(const u64& queryId, const std::string& destination,
                                            const std::list<NatItem>& items, const u32& csProto) {
+  _NatAgent.m_counters.CountRequest(m_proto, KIND_RTP);
   try {
     NatLogOut& log = _NatAgent.Log();
     u32 address = 0;
@@ -115,6 +122,7 @@ u32 NatCAMessenger::OnRequestRTPNatMapping(const u64& queryId, const std::string
 
 u32 NatCAMessenger::OnRequestReverceRTPNatMapping(const u64& queryId, const std::list<NatItem>& items,
                                                   const u32& value) {
+  _NatAgent.m_counters.CountRequest(m_proto, KIND_REVERSE);
   try {
     _NatAgent.OnRequestReverceRTPNatMapping(queryId, items, m_proto, value);
   } catch (...) {
@@ -124,6 +132,7 @@ u32 NatCAMessenger::OnRequestReverceRTPNatMapping(const u64& queryId, const std:
 }
 
 u32 NatCAMessenger::OnCloseRTPNatMapping(const u64& queryId) {
+  _NatAgent.m_counters.CountRequest(m_proto, KIND_CLOSE);
   try {
     _NatAgent.CloseRTPNatMapping(queryId);
   } catch (...) {
@@ -135,6 +144,8 @@ u32 NatCAMessenger::OnCloseRTPNatMapping(const u64& queryId) {
 void NatCAMessenger::FailRequest(RequestKind kind, const u64& queryId, const std::list<NatItem>& items,
                                  u32 csProto) noexcept {
   ReportFault("a request was not handled to its end");
+  constexpr u32 kKinds[] = {KIND_CS, KIND_CS_LIST, KIND_RTP, KIND_REVERSE};
+  _NatAgent.m_counters.CountItem(m_proto, kKinds[static_cast<int>(kind)], NAT_WHY_FAULT);
   // Queue 113 is not answered.
   if (!RequestScope::IsOpen() || PartyName(m_proto) == nullptr) {
     return;

@@ -9,7 +9,7 @@ class NatCAMessenger : public NatMessenger {
  public:
   enum class RequestKind { CS, CS_LIST, RTP, REVERSE };
 
-  explicit NatCAMessenger(u32 queue) : NatMessenger(queue) {}
+  explicit NatCAMessenger(u32 queue) : NatMessenger(queue), m_number(static_cast<int>(queue)) {}
   ~NatCAMessenger() override = default;
 
   // False, with nothing done, for a party without a name.
@@ -20,6 +20,7 @@ class NatCAMessenger : public NatMessenger {
   void FailRequest(RequestKind kind, const u64& queryId, const std::list<NatItem>& items, u32 csProto) noexcept;
 
  protected:
+  void OnRefused(const messaging::Refusal& refusal) override;
   // What each returns has no meaning beyond the messaging library.
   u32 OnRequestCSNatMapping(const u64& queryId, const std::string& destination, const std::list<NatItem>& items,
                             const u32& value) override NAT_REQUIRES(g_settingsLock);
@@ -34,4 +35,6 @@ class NatCAMessenger : public NatMessenger {
   // False when nothing could be loaded, also because loading threw.
   bool LoadSettings() NAT_REQUIRES(g_settingsLock);
   void AnswerNoMapping(RequestKind kind, const u64& queryId, const std::list<NatItem>& items, u32 csProto);
+
+  const int m_number;  // the queue's
 };

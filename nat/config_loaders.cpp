@@ -25,6 +25,7 @@ bool LoadNatExcTable() {
     text += "\r\n";
   }
   _NatAgent.m_excTable.SetTable(entries);
+  _NatAgent.m_settings.exclusionsSince = SettingsState::Now();
   _NatAgent.Log().TraceFormat("%s--------------------------------------------------\r\n", text.c_str());
   return true;
 }

@@ -7,21 +7,25 @@
 
 // The host's configuration as the agent reads it. The host owns every record; the agent reads fields afresh at every
 // load, on its own thread and on the one that calls UpdateNatMain, never at the same time. It keeps no pointer beyond a
-// load, writes nothing and frees nothing. Values are used as they stand: the host validates.
+// load, writes nothing and frees nothing. Values are used as they stand: the host validates. From C++11 on.
 
 struct MediaConfig {
   u16 rtpPortStart = 0;  // first and last local RTP port
   u16 rtpPortEnd = 0;
   u8 rtcpEnabled = 0;  // zero: STUN watches every second port only
 
+#if __cplusplus >= 202002L
   bool operator==(const MediaConfig&) const = default;
+#endif
 };
 
 struct NatExcRuleText {
   std::string ipText;    // dotted address
   std::string maskText;  // dotted mask
 
+#if __cplusplus >= 202002L
   bool operator==(const NatExcRuleText&) const = default;
+#endif
 };
 
 struct NatConfig {
@@ -45,7 +49,9 @@ struct NatConfig {
   std::string stunServerHost;
   u16 stunServerPort = 0;
 
+#if __cplusplus >= 202002L
   bool operator==(const NatConfig&) const = default;
+#endif
 };
 
 struct HostConfig {

@@ -29,6 +29,7 @@ class NatConfigManager {
   bool OnCgiUpdate(const std::list<std::string>& texts);
 
  private:
+  bool LoadSettingsOf(CA_PROTO proto) NAT_REQUIRES(g_settingsLock);
   void InitCMSettings() NAT_REQUIRES(g_settingsLock);
 
   bool m_excTableLoaded = false;  // agent thread only

@@ -27,7 +27,9 @@ void NatExcTable::SetTable(const std::list<NatExcEntry>& entries) {
     }
   }
   prefixes = Merged(std::move(prefixes));
+  std::vector<NatExcEntry> all(entries.begin(), entries.end());
   ScopedLock guard(lock);
+  rules.swap(all);
   ranges.swap(prefixes);
   others.swap(withHoles);
 }
@@ -55,4 +57,25 @@ u32 NatExcTable::IsExcluded(u32 address) {
                          return (rule.ip & rule.mask) == (address & rule.mask);
                        });
   return matched ? 1 : 0;
+}
+
+std::optional<NatExcEntry> NatExcTable::Find(u32 address) {
+  ScopedLock guard(lock);
+  const auto found = std::find_if(rules.begin(), rules.end(), [address](const NatExcEntry& rule) {
+    return (rule.ip & rule.mask) == (address & rule.mask);
+  });
+  return found == rules.end() ? std::nullopt : std::optional(*found);
+}
+
+std::size_t NatExcTable::Size() {
+  ScopedLock guard(lock);
+  return rules.size();
+}
+
+std::size_t NatExcTable::Copy(std::size_t from, std::span<NatExcEntry> to) {
+  ScopedLock guard(lock);
+  const std::size_t begin = std::min(from, rules.size());
+  const std::size_t count = std::min(to.size(), rules.size() - begin);
+  std::copy_n(rules.begin() + static_cast<std::ptrdiff_t>(begin), count, to.begin());
+  return count;
 }

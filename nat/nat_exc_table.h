@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <list>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include "platform/thread_safety.h"
@@ -28,6 +31,12 @@ class NatExcTable {
   // 1 when a rule matches the address, else 0.
   u32 IsExcluded(u32 address) NAT_EXCLUDES(lock);
 
+  // The first rule that matches.
+  std::optional<NatExcEntry> Find(u32 address) NAT_EXCLUDES(lock);
+  std::size_t Size() NAT_EXCLUDES(lock);
+  // Copies rules from the one of this number on; how many.
+  std::size_t Copy(std::size_t from, std::span<NatExcEntry> to) NAT_EXCLUDES(lock);
+
  private:
   // The addresses of a rule, or of several that meet, in host byte order.
   struct Range {
@@ -37,6 +46,7 @@ class NatExcTable {
   static std::vector<Range> Merged(std::vector<Range> found);
 
   ThreadMutex lock;
+  std::vector<NatExcEntry> rules NAT_GUARDED_BY(lock);   // as given, for those who ask which one matches
   std::vector<Range> ranges NAT_GUARDED_BY(lock);        // in order, apart from each other
   std::vector<NatExcEntry> others NAT_GUARDED_BY(lock);  // the rules whose mask has holes
 };

@@ -26,6 +26,11 @@ const char* GetCAProtoName(const CA_PROTO& proto) {
   return "Unknown ptotoType ";
 }
 
+const char* GetPartyName(const CA_PROTO& proto) {
+  constexpr const char* kNames[] = {"cm", "sip", "q113", "cc"};
+  return kNames[proto & 3U];
+}
+
 const char* GetCsProtocolName(const CA_PROTO& proto) { return proto == CA_PROTO_SIP ? "Sip" : "H323"; }
 
 const char* GetPortTypeName(const NatPortType& portType) {

@@ -7,6 +7,9 @@
 const char* GetNatFlagName(const NatFlag& flag);
 const char* GetCAProtoName(const CA_PROTO& proto);
 
+// The party on the queue of a protocol, as people call it: "sip", "cm", "cc", "q113".
+const char* GetPartyName(const CA_PROTO& proto);
+
 // Names in the signalling dumps, without a trailing blank: "Sip" or "H323"; "Udp", "Tcp", "Tls" or the empty text.
 const char* GetCsProtocolName(const CA_PROTO& proto);
 const char* GetPortTypeName(const NatPortType& portType);

@@ -4,47 +4,100 @@
 
 #include "agent/log_text.h"
 #include "agent/nat_agent.h"
+#include "nat/reasons.h"
 
 // --- look-ups ---
 
-bool QorMappingStorage::GetCSMapping(const CA_PROTO& proto, NatSetting& setting) const {
-  switch (setting.portType) {
-    case NATPORT_UDP: {
-      const auto& mappings = proto == CA_PROTO_SIP ? sipUdp : otherUdp;
-      if (!mappings) {
-        return false;
-      }
-      if (mappings->mode == MAP_STUN) {
-        return _NatAgent.m_stunWrapper.GetStunMapping(setting.selfPort, setting.mappedIp, setting.mappedPort);
-      }
-      return mappings->GetMapping(setting);
-    }
-    case NATPORT_TCP:
-      return proto == CA_PROTO_SIP && sipTcp && sipTcp->Translate(setting);
-    case NATPORT_TLS:
-      return proto == CA_PROTO_SIP && sipTls && sipTls->Translate(setting);
+namespace {
+
+u32 ByStun(NatSetting& setting, QorMappingStorage::Purpose purpose) NAT_REQUIRES(g_settingsLock) {
+  StunManagerWrapper& stun = _NatAgent.m_stunWrapper;
+  const u32 why = stun.FindStunMapping(setting.selfPort, setting.mappedIp, setting.mappedPort);
+  if (why != NAT_WHY_MAPPED_BY_STUN && purpose == QorMappingStorage::Purpose::ANSWER) {
+    stun.Scan();
   }
-  return false;
+  return why;
 }
 
-bool QorMappingStorage::GetGwMapping(NatSetting& setting) const {
+u32 ByRange(const std::unique_ptr<PortRange>& range, NatSetting& setting) {
+  if (!range) {
+    return NAT_WHY_NO_PUBLIC_SIDE;
+  }
+  return range->Translate(setting) ? NAT_WHY_MAPPED_BY_CONFIGURATION : NAT_WHY_OTHER_PORT;
+}
+
+}  // namespace
+
+u32 QorMappingStorage::LookUpCS(const CA_PROTO& proto, NatSetting& setting, Purpose purpose) const {
+  if (setting.portType != NATPORT_UDP) {
+    return proto != CA_PROTO_SIP ? u32{NAT_WHY_NOT_SIGNALLING}
+                                 : ByRange(setting.portType == NATPORT_TCP ? sipTcp : sipTls, setting);
+  }
+  const auto& mappings = proto == CA_PROTO_SIP ? sipUdp : otherUdp;
+  if (!mappings) {
+    return proto == CA_PROTO_SIP ? NAT_WHY_NO_PUBLIC_SIDE : NAT_WHY_NOT_SIGNALLING;
+  }
+  if (mappings->mode == MAP_STUN) {
+    return ByStun(setting, purpose);
+  }
+  if (mappings->GetMapping(setting)) {
+    return NAT_WHY_MAPPED_BY_CONFIGURATION;
+  }
+  return mappings->mode == MAP_STATIC ? NAT_WHY_OTHER_PORT : NAT_WHY_NO_PUBLIC_SIDE;
+}
+
+u32 QorMappingStorage::LookUpGw(NatSetting& setting, Purpose purpose) const {
   const auto chosen = std::find_if(gateways.begin(), gateways.end(), [&](const NatMappings& gateway) {
     return gateway.localIp == setting.localIp && gateway.InRange(setting.selfPort);
   });
   if (chosen == gateways.end()) {
-    return false;
+    return NAT_WHY_OUTSIDE_RTP_RANGE;
   }
   if (chosen->mode == MAP_STUN) {
-    _NatAgent.m_stunWrapper.GetStunMapping(setting.selfPort, setting.mappedIp, setting.mappedPort);
-  } else {
-    chosen->GetMapping(setting);
+    return ByStun(setting, purpose);
   }
-  return true;
+  if (!chosen->GetMapping(setting)) {
+    return chosen->mode == MAP_STATIC ? NAT_WHY_BEYOND_RANGE : NAT_WHY_NO_PUBLIC_SIDE;
+  }
+  return setting.mappedIp == 0 || setting.mappedPort == 0 ? NAT_WHY_NO_PUBLIC_SIDE : NAT_WHY_MAPPED_BY_CONFIGURATION;
+}
+
+bool QorMappingStorage::GetCSMapping(const CA_PROTO& proto, NatSetting& setting) const {
+  return FlagOf(LookUpCS(proto, setting, Purpose::ANSWER)) == NATFLAG_MAPPED;
+}
+
+bool QorMappingStorage::GetGwMapping(NatSetting& setting) const {
+  return LookUpGw(setting, Purpose::ANSWER) != NAT_WHY_OUTSIDE_RTP_RANGE;
 }
 
 bool QorMappingStorage::HasGw(u32 localIp) const {
   return std::any_of(gateways.begin(), gateways.end(),
                      [localIp](const NatMappings& gateway) { return gateway.localIp == localIp; });
+}
+
+bool QorMappingStorage::Describe(std::size_t number, NatHostMapping& mapping) const {
+  const auto set = [&mapping](u32 what, u32 by, const PortRange& range, u32 localIp) {
+    mapping = {mapping.size,      what,           by, localIp, range.localStart, range.localEnd, range.publicIp,
+               range.publicStart, range.publicEnd};
+    return true;
+  };
+  const auto setUdp = [&set](u32 what, const NatMappings& udp) {
+    const u32 by = udp.mode == MAP_STUN     ? NAT_HOST_BY_STUN
+                   : udp.mode == MAP_STATIC ? NAT_HOST_BY_CONFIGURATION
+                                            : NAT_HOST_BY_NOTHING;
+    return set(what, by, udp.range, udp.localIp);
+  };
+  if (sipUdp && number-- == 0) {
+    return setUdp(NAT_HOST_SIP_UDP, *sipUdp);
+  }
+  if (sipTcp && number-- == 0) {
+    return set(NAT_HOST_SIP_TCP, NAT_HOST_BY_CONFIGURATION, *sipTcp, 0);
+  }
+  if (sipTls && number-- == 0) {
+    return set(NAT_HOST_SIP_TLS, NAT_HOST_BY_CONFIGURATION, *sipTls, 0);
+  }
+  return number < gateways.size() &&
+         setUdp(NAT_HOST_MEDIA, *std::next(gateways.begin(), static_cast<std::ptrdiff_t>(number)));
 }
 
 // --- the call agents' own ports ---

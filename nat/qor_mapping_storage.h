@@ -3,6 +3,7 @@
 #include <list>
 #include <memory>
 
+#include "agent/host.h"
 #include "agent/settings_lock.h"
 #include "nat/nat_mappings.h"
 #include "nat/nat_records.h"
@@ -24,6 +25,16 @@ class QorMappingStorage {
   // of 0 then mean that no public side is known. The first of several mappings answers.
   bool GetGwMapping(NatSetting& setting) const NAT_REQUIRES(g_settingsLock);
   bool HasGw(u32 localIp) const NAT_REQUIRES(g_settingsLock);
+
+  // The same, with the reason (NAT_WHY_...) for a signalling port, and for a media port whose interface has a mapping.
+  // To EXPLAIN, nothing is asked of STUN.
+  enum class Purpose { ANSWER, EXPLAIN };
+  u32 LookUpCS(const CA_PROTO& proto, NatSetting& setting, Purpose purpose) const NAT_REQUIRES(g_settingsLock);
+  u32 LookUpGw(NatSetting& setting, Purpose purpose) const NAT_REQUIRES(g_settingsLock);
+  bool HasAnyGw() const { return !gateways.empty(); }
+
+  // What a host reads of the translations: the one of this number, in an order of its own; false beyond the last.
+  bool Describe(std::size_t number, NatHostMapping& mapping) const NAT_REQUIRES(g_settingsLock);
 
   // Index 0 is the SIP agent's TCP port, 1 its TLS port. No range, or a public address of 0, switches it off.
   bool SetRange(u8 index, const PortRange* range) NAT_REQUIRES(g_settingsLock);

@@ -1,10 +1,12 @@
 #include "platform/journal.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <type_traits>
 
@@ -16,10 +18,25 @@ namespace {
 
 // The number is the priority that systemd reads at the beginning of a line.
 constexpr std::string_view kError = "<3>";
+constexpr std::string_view kWarning = "<4>";
 constexpr std::string_view kNotice = "<5>";
 
+// Whether standard error is the stream that the variable names as DEVICE:INODE, and not one that was put in its place.
+bool IsJournalStream(const char* text) {
+  struct stat status {};
+  if (text == nullptr || ::fstat(STDERR_FILENO, &status) != 0) {
+    return false;
+  }
+  const char* const end = text + std::strlen(text);
+  u64 device = 0;
+  u64 inode = 0;
+  const auto colon = std::from_chars(text, end, device);
+  return colon.ptr != end && *colon.ptr == ':' && std::from_chars(colon.ptr + 1, end, inode).ptr == end &&
+         device == status.st_dev && inode == status.st_ino;
+}
+
 bool UnderServiceManager() {
-  static const bool under = ::getenv("JOURNAL_STREAM") != nullptr;
+  static const bool under = IsJournalStream(::getenv("JOURNAL_STREAM"));
   return under;
 }
 
@@ -135,6 +152,8 @@ __attribute__((destructor)) void Finish() {
 
 void JournalNotice(std::string_view text) noexcept { Say(kNotice, text, text); }
 void JournalNotice(std::string_view text, std::string_view kind) noexcept { Say(kNotice, kind, text); }
+void JournalWarning(std::string_view text) noexcept { Say(kWarning, text, text); }
+void JournalWarning(std::string_view text, std::string_view kind) noexcept { Say(kWarning, kind, text); }
 void JournalError(std::string_view text) noexcept { Say(kError, text, text); }
 void JournalErrors(std::span<const std::string> lines) noexcept {
   Say(kError, lines.empty() ? std::string_view() : std::string_view(lines.front()), lines);

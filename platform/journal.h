@@ -18,6 +18,9 @@
 void JournalNotice(std::string_view text) noexcept;
 // For a text with words that somebody else chooses: lines of the same kind count as equal.
 void JournalNotice(std::string_view text, std::string_view kind) noexcept;
+// For what somebody should mend; limited together with the notices.
+void JournalWarning(std::string_view text) noexcept;
+void JournalWarning(std::string_view text, std::string_view kind) noexcept;
 void JournalError(std::string_view text) noexcept;
 
 // One report of several lines. It is limited as a whole, by its first line.

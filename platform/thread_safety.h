@@ -13,6 +13,7 @@
 #define NAT_PT_GUARDED_BY(...) NAT_TS_ATTRIBUTE(pt_guarded_by(__VA_ARGS__))
 #define NAT_REQUIRES(...) NAT_TS_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define NAT_ACQUIRE(...) NAT_TS_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define NAT_TRY_ACQUIRE(...) NAT_TS_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define NAT_RELEASE(...) NAT_TS_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define NAT_EXCLUDES(...) NAT_TS_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define NAT_NO_THREAD_SAFETY_ANALYSIS NAT_TS_ATTRIBUTE(no_thread_safety_analysis)

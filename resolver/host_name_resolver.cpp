@@ -4,6 +4,7 @@
 #include "agent/faults.h"
 #include "agent/nat_agent.h"
 #include "messaging/nat_agent_messenger.h"
+#include "platform/journal.h"
 #include "platform/sockets/host_lookup.h"
 
 namespace {
@@ -16,6 +17,14 @@ std::size_t NameBytes(const std::string& hostName) { return sizeof(ResolvedName)
 // The same with the request that waits for it.
 std::size_t RequestBytes(const std::string& hostName, const std::list<NatItem>& items) {
   return NameBytes(hostName) + sizeof(ResolveQuery) + hostName.size() + items.size() * kItemBytes;
+}
+
+// Parties choose the names, so all of these lines count as equal.
+void WarnOfName(const std::string& hostName) {
+  Contain("a name without an address is not reported", [&hostName] {
+    JournalWarning("the destination's name " + hostName + " has no IPv4 address",
+                   "a destination's name has no address");
+  });
 }
 
 }  // namespace
@@ -134,6 +143,10 @@ bool NatAgent::CheckIsResolvedHostName() {
     while (!m_resolvedNames.empty()) {
       done.splice(done.end(), m_resolvedNames, m_resolvedNames.begin());
       const ResolvedName& resolved = done.back();
+      ++m_counters.names[resolved.address != 0 ? 1 : 0];
+      if (resolved.address == 0) {
+        WarnOfName(resolved.hostName);
+      }
       for (auto query = m_pendingQueries.begin(); query != m_pendingQueries.end();) {
         const auto here = query++;
         if (here->hostName == resolved.hostName) {

@@ -41,3 +41,27 @@ bool ReverseNatManager::DeleteRevTarget(const u64& queryId) {
   }
   return true;
 }
+
+std::size_t ReverseNatManager::List(NatHostPlace& place, std::span<NatHostCall> rows) const {
+  std::size_t count = 0;
+  auto target = revTargets.lower_bound(place.at);
+  if (target != revTargets.end() && target->first != place.at) {
+    place.within = 0;
+  }
+  while (target != revTargets.end() && count < rows.size()) {
+    const auto& [id, endpoints] = *target;
+    if (place.within >= endpoints.size()) {
+      ++target;
+      place.within = 0;
+      continue;
+    }
+    const NatItem& mapped = endpoints[place.within++];
+    NatHostCall& row = rows[count++];
+    row.id = id;
+    row.mapped = {mapped.ip, mapped.port};
+    const EndpointTable::Local* const local = revMappings.Find(mapped.ip, mapped.port);
+    row.local = local == nullptr ? NatHostEndpoint{} : NatHostEndpoint{local->ip, local->port};
+    place.at = id;
+  }
+  return count;
+}

@@ -2,8 +2,10 @@
 
 #include <cstddef>
 #include <map>
+#include <span>
 #include <vector>
 
+#include "agent/host.h"
 #include "nat/nat_records.h"
 #include "rtp/endpoint_table.h"
 
@@ -27,6 +29,9 @@ class ReverseNatManager {
   // Ends the query id and every translation its endpoints have, also where another id was handed the same endpoint.
   // False when the id is not known.
   bool DeleteRevTarget(const u64& queryId);
+
+  // Fills what was handed out, from the place on, in the order of the ids; moves the place and returns how many.
+  std::size_t List(NatHostPlace& place, std::span<NatHostCall> rows) const;
 
   // How many query ids have translations.
   std::size_t OpenIds() const { return revTargets.size(); }

@@ -15,6 +15,7 @@ u32 NatAgent::OnRequestReverceRTPNatMapping(const u64& queryId, const std::list<
     setting.mappedPort = item.port;
     NatFlag flag = NATFLAG_NO_NEED_NAT;
     GetRevGwNatSettings(setting, flag);
+    m_counters.CountItem(proto, KIND_REVERSE, flag == NATFLAG_MAPPED ? NAT_WHY_FOUND : NAT_WHY_NOT_HANDED_OUT);
     answers.push_back(AnswerItem(setting, flag));
   }
   if (NatCAMessenger* channel = ChannelOf(proto)) {

@@ -1,6 +1,7 @@
 #include "stun/stun_manager_wrapper.h"
 
 #include "agent/faults.h"
+#include "agent/host.h"
 #include "agent/log_text.h"
 #include "agent/nat_agent.h"
 #include "platform/stunutils/stun_logger.h"
@@ -185,19 +186,32 @@ void StunManagerWrapper::CountPorts(u32& watched, u32& learnt) const {
   }
 }
 
-bool StunManagerWrapper::GetStunMapping(u16 port, u32& mappedIp, u16& mappedPort) {
+u32 StunManagerWrapper::FindStunMapping(u16 port, u32& mappedIp, u16& mappedPort) const {
   mappedIp = 0;
   mappedPort = 0;
   if (!m_manager) {
-    return false;
+    return NAT_WHY_NOT_WATCHED;
   }
   StunResult result;
   m_manager->GetPortResult(port, result);
   if (result.address2 == 0 || result.port2 == 0) {
-    m_manager->SendScanEvent();
-    return false;
+    return result.port1 == 0 ? NAT_WHY_NOT_WATCHED : NAT_WHY_NOT_LEARNT;
   }
   mappedIp = result.address2;
   mappedPort = result.port2;
-  return true;
+  return NAT_WHY_MAPPED_BY_STUN;
+}
+
+bool StunManagerWrapper::GetStunMapping(u16 port, u32& mappedIp, u16& mappedPort) {
+  if (FindStunMapping(port, mappedIp, mappedPort) == NAT_WHY_MAPPED_BY_STUN) {
+    return true;
+  }
+  Scan();
+  return false;
+}
+
+void StunManagerWrapper::Scan() {
+  if (m_manager) {
+    m_manager->SendScanEvent();
+  }
 }

@@ -50,6 +50,13 @@ class StunManagerWrapper {
   // The public side of a local port. When it is not known: false, both outputs 0, and a scan is asked for.
   bool GetStunMapping(u16 port, u32& mappedIp, u16& mappedPort) NAT_REQUIRES(g_settingsLock);
 
+  void Scan() NAT_REQUIRES(g_settingsLock);
+  // The same without asking for a scan; why it is known or not: NAT_WHY_...
+  u32 FindStunMapping(u16 port, u32& mappedIp, u16& mappedPort) const NAT_REQUIRES(g_settingsLock);
+
+  // The manager, for what a host reads of it; null without one.
+  StunManager* Manager() const NAT_REQUIRES(g_settingsLock) { return m_manager.get(); }
+
   // How many ports STUN watches, and of how many of them it knows the public side; 0 without a manager.
   void CountPorts(u32& watched, u32& learnt) const NAT_REQUIRES(g_settingsLock);
 

@@ -3,45 +3,12 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/did_you_mean.h"
 #include "platform/messaging/frame.h"
+#include "tools/grammar.h"
 #include "tools/parsing.h"
 
 namespace {
-
-// What the words after the command's name may be.
-struct Grammar {
-  const char* name;
-  CommandKind kind;
-  bool party;
-  bool destination;
-  bool items;
-  bool portType;
-  bool id;
-  bool value;
-  bool server;
-  bool nowait;
-};
-
-constexpr Grammar kGrammars[] = {
-    // name, kind, party, destination, items, port type, id=, value=, server=, nowait
-    {"connect", CommandKind::CONNECT, true, false, false, false, false, false, false, false},
-    {"disconnect", CommandKind::DISCONNECT, true, false, false, false, false, false, false, false},
-    {"cs", CommandKind::CS, true, true, true, true, true, true, false, true},
-    {"cs-list", CommandKind::CS_LIST, true, true, true, false, true, true, false, true},
-    {"rtp", CommandKind::RTP, true, true, true, false, true, false, true, true},
-    {"reverse", CommandKind::REVERSE, true, false, true, false, true, true, false, true},
-    {"close", CommandKind::CLOSE, true, false, false, false, true, false, false, false},
-    {"update", CommandKind::UPDATE, false, false, false, false, false, true, false, false},
-    {"wait", CommandKind::WAIT, false, false, false, false, false, false, false, false},
-    {"watch", CommandKind::WATCH, true, false, false, false, false, false, false, false},
-};
-
-const Grammar* FindGrammar(std::string_view name) {
-  for (const Grammar& grammar : kGrammars) {
-    if (name == grammar.name) return &grammar;
-  }
-  return nullptr;
-}
 
 std::uint32_t OwnServer(natclient_party party) {
   switch (party) {
@@ -64,6 +31,15 @@ std::optional<std::uint64_t> ParseServer(std::string_view word) {
 }
 
 std::string Quoted(std::string_view word) { return "'" + std::string(word) + "'"; }
+
+constexpr std::string_view kPartyNames[] = {"sip", "q113", "cm", "cc", "cgi"};
+constexpr std::string_view kPortTypes[] = {"udp", "tcp", "tls"};
+
+// HOST:PORT, of which the host only is wanted.
+bool HasPort(std::string_view destination) {
+  const std::size_t colon = destination.find(':');
+  return colon != std::string_view::npos && ParseNumber(destination.substr(colon + 1), UINT64_MAX).has_value();
+}
 
 bool IsRequest(CommandKind kind) {
   return kind == CommandKind::CS || kind == CommandKind::CS_LIST || kind == CommandKind::RTP ||
@@ -91,7 +67,10 @@ class Parser {
     if (m_grammar.party) {
       if (m_next == m_words.size()) return "PARTY is missing: sip, q113, cm, cc or cgi";
       const auto party = ParseParty(m_words[m_next]);
-      if (!party) return Quoted(m_words[m_next]) + " is not a party: sip, q113, cm, cc or cgi";
+      if (!party) {
+        return Quoted(m_words[m_next]) + " is not a party: sip, q113, cm, cc or cgi" +
+               DidYouMean(m_words[m_next], kPartyNames);
+      }
       if (*party == NATCLIENT_CGI && IsRequest(m_grammar.kind)) return "'cgi' cannot send this request";
       m_command.party = *party;
       ++m_next;
@@ -99,10 +78,10 @@ class Parser {
     if (m_grammar.destination) {
       if (m_next == m_words.size()) return "DEST is missing";
       const std::string& destination = m_words[m_next++];
-      // The word itself is not shown: its control characters would disturb a terminal.
       if (!std::all_of(destination.begin(), destination.end(), messaging::IsDestinationByte)) {
         return "DEST has a blank or a control character inside";
       }
+      if (HasPort(destination)) return Quoted(destination) + " has a port, and DEST is a host alone";
       std::string error = CheckText(destination);
       if (!error.empty()) return error;
       m_command.destination = destination;
@@ -120,11 +99,12 @@ class Parser {
     if (word.starts_with("id=") && m_grammar.id) return Option("id", word);
     if (word.starts_with("value=") && m_grammar.value) return Option("value", word);
     if (word.starts_with("server=") && m_grammar.server) return Option("server", word);
+    if (m_grammar.kind == CommandKind::RUN || m_grammar.kind == CommandKind::HELP) return OnlyWord(word);
     if (m_grammar.kind == CommandKind::UPDATE) return UpdateWord(word);
     if (m_grammar.kind == CommandKind::WAIT) return WaitWord(word);
     if (word == "nowait" && m_grammar.nowait) return Nowait(word);
     if (m_grammar.portType && (word == "udp" || word == "tcp" || word == "tls")) return PortType(word);
-    if (m_grammar.items) return ItemWord(word);
+    if (m_grammar.mostItems != 0) return ItemWord(word);
     return Quoted(word) + " is too much";
   }
 
@@ -157,11 +137,30 @@ class Parser {
 
   std::string ItemWord(const std::string& word) {
     const auto item = ParseItem(word);
-    if (!item) return Quoted(word) + " is not IP:PORT" + (m_grammar.portType ? ", udp, tcp, tls or an option" : "");
-    if (m_command.items.size() == (m_grammar.kind == CommandKind::CS ? 1u : unsigned{NATCLIENT_MAX_ITEMS})) {
-      return Quoted(word) + " is one item too many";
+    if (!item) {
+      return Quoted(word) + " is not IP:PORT" + (m_grammar.portType ? ", udp, tcp, tls or an option" : "") +
+             DidYouMean(word, OtherWords());
     }
+    if (m_command.items.size() == m_grammar.mostItems) return Quoted(word) + " is one item too many";
     m_command.items.push_back(*item);
+    return {};
+  }
+
+  // What may stand where items do.
+  std::vector<std::string_view> OtherWords() const {
+    std::vector<std::string_view> words;
+    if (m_grammar.portType) words.assign(std::begin(kPortTypes), std::end(kPortTypes));
+    if (m_grammar.nowait) words.emplace_back("nowait");
+    return words;
+  }
+
+  std::string OnlyWord(const std::string& word) {
+    if (m_next != 2) return Quoted(word) + " is too much";
+    if (m_grammar.kind == CommandKind::HELP && FindGrammar(word) == nullptr) {
+      return Quoted(word) + " is not a command" + DidYouMeanCommand(word);
+    }
+    if (word.empty()) return "'' is no file";
+    m_command.word = word == "-" ? "" : word;
     return {};
   }
 
@@ -217,9 +216,19 @@ std::vector<std::string> SplitWords(std::string_view line) {
 
 CommandResult ParseCommand(const std::vector<std::string>& words, bool inRun) {
   const Grammar* grammar = FindGrammar(words.front());
-  if (grammar == nullptr) return {std::nullopt, Quoted(words.front()) + " is not a command"};
-  if (!inRun && (grammar->kind == CommandKind::CONNECT || grammar->kind == CommandKind::DISCONNECT)) {
-    return {std::nullopt, Quoted(words.front()) + " is for run only"};
+  if (grammar == nullptr) {
+    return {std::nullopt, Quoted(words.front()) + " is not a command" + DidYouMeanCommand(words.front())};
+  }
+  if (grammar->place == (inRun ? Grammar::Place::COMMAND_LINE : Grammar::Place::RUN)) {
+    return {std::nullopt, Quoted(words.front()) + (inRun ? " is not for a run" : " is for run only")};
+  }
+  if (grammar->kind == CommandKind::STUN) {
+    StunCommandResult stun = ParseStunCommand(words);
+    if (!stun.command) return {std::nullopt, std::move(stun.error)};
+    Command command;
+    command.kind = CommandKind::STUN;
+    command.stun = std::move(*stun.command);
+    return {std::move(command), {}};
   }
   Parser parser(*grammar, words);
   std::string error = parser.Parse();

@@ -7,8 +7,24 @@
 #include <vector>
 
 #include "client/natclient.h"
+#include "tools/stun_command.h"
 
-enum class CommandKind { CONNECT, DISCONNECT, CS, CS_LIST, RTP, REVERSE, CLOSE, UPDATE, WAIT, WATCH };
+enum class CommandKind {
+  RUN,
+  CONNECT,
+  DISCONNECT,
+  CS,
+  CS_LIST,
+  RTP,
+  REVERSE,
+  CLOSE,
+  UPDATE,
+  WAIT,
+  WATCH,
+  STUN,
+  STATUS,  // status, monitor and explain
+  HELP
+};
 
 // One command, ready to be carried out. Which fields count depends on the kind.
 struct Command {
@@ -23,6 +39,8 @@ struct Command {
   std::vector<std::string> texts;
   int silenceMs = 1000;  // WAIT
   bool nowait = false;
+  StunCommand stun;  // STUN
+  std::string word;  // RUN: the file, empty for standard input; HELP: the command, empty for all
 };
 
 struct CommandResult {
@@ -33,5 +51,6 @@ struct CommandResult {
 // The words of a line: separated by blanks, up to a word that begins with '#'.
 std::vector<std::string> SplitWords(std::string_view line);
 
-// `inRun`: connect and disconnect are allowed. There is at least one word.
+// `inRun`: a line of a run, where connect and disconnect are allowed, and run and help are not. There is at least one
+// word.
 CommandResult ParseCommand(const std::vector<std::string>& words, bool inRun);

@@ -2,20 +2,20 @@
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tools/command.h"
-#include "tools/stun_command.h"
+#include "tools/status_command.h"
+#include "tools/timeouts.h"
 
-struct CommandLine {
+// Named apart from natagentd's: one test program links both.
+struct NatctlLine {
   std::string runtimeDir;  // empty: natclient's default
   bool json = false;
-  int timeoutMs = 5000;
-  bool run = false;
-  std::string file;  // of run; empty: standard input
-  std::optional<StunCommand> stun;
-  Command command;  // without run and stun
+  Timeouts timeouts;
+  Command command;                      // any but HELP
+  std::optional<StatusCommand> status;  // STATUS
 };
 
-// Without a value the program ends with `exitCode`; what there was to say has been said.
-std::optional<CommandLine> ParseCommandLine(int argc, char** argv, int& exitCode);
+// Options may stand anywhere; behind `--` every word is the command's. Without a value the program ends with
+// `exitCode`; what there was to say has been said.
+std::optional<NatctlLine> ParseNatctlLine(int argc, char** argv, int& exitCode);

@@ -40,5 +40,5 @@ inline bool IsFailure(EventKind kind) { return kind >= EventKind::TIMEOUT; }
 // One JSON object and a line end. Bytes that are not UTF-8 are replaced.
 std::string JsonLine(const Event& event);
 
-// One line, or of a list answer one and one more for each item, for people.
-std::string PlainLines(const Event& event);
+// One line, or of a list answer one and one more for each item, for people. Texts from others come out printable.
+std::string PlainLines(const Event& event, bool colours = false);

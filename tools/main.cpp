@@ -7,7 +7,7 @@
 #include "tools/printer.h"
 #include "tools/runner.h"
 #include "tools/session.h"
-#include "tools/stun_runner.h"
+#include "tools/status_runner.h"
 
 int main(int argc, char** argv) {
   if (!FillStandardDescriptors()) {
@@ -15,14 +15,15 @@ int main(int argc, char** argv) {
     return static_cast<int>(ExitStatus::UNANSWERED);
   }
   int exitCode = 0;
-  const std::optional<CommandLine> line = ParseCommandLine(argc, argv, exitCode);
+  const std::optional<NatctlLine> line = ParseNatctlLine(argc, argv, exitCode);
   if (!line) return exitCode;
 
   Printer printer(line->json);
-  if (line->stun) return static_cast<int>(RunStun(*line->stun, line->timeoutMs, printer));
-
-  Session session(line->runtimeDir, line->timeoutMs, printer);
-  if (line->run) return static_cast<int>(RunLines(line->file, session));
+  if (line->status) {
+    return static_cast<int>(RunStatus(*line->status, line->runtimeDir, line->timeouts.answer, printer));
+  }
+  Session session(line->runtimeDir, line->timeouts, printer);
+  if (line->command.kind == CommandKind::RUN) return static_cast<int>(RunLines(line->command.word, session));
   session.Execute(line->command);
   session.Finish();
   return static_cast<int>(session.Status());

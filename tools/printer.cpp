@@ -4,7 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
-void Printer::Print(const Event& event) { Print(m_json ? JsonLine(event) : PlainLines(event), IsFailure(event.kind)); }
+#include "tools/terminal.h"
+
+void Printer::Print(const Event& event) {
+  const bool isFailure = IsFailure(event.kind);
+  Print(m_json ? JsonLine(event) : PlainLines(event, isFailure ? m_coloursError : m_coloursOut), isFailure);
+}
 
 void Printer::Print(const std::string& lines, bool isFailure) {
   if (m_json || !isFailure) {
@@ -26,4 +31,4 @@ bool Printer::Flush() {
   return !m_broken;
 }
 
-void PrintError(const std::string& text) { std::fprintf(stderr, "natctl: %s\n", text.c_str()); }
+void PrintError(const std::string& text) { std::fprintf(stderr, "natctl: %s\n", Printable(text).c_str()); }

@@ -1,47 +1,14 @@
 #include "tools/session.h"
 
 #include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "platform/unique_fd.h"
+#include "tools/interrupt_watch.h"
 #include "tools/parsing.h"
-
-namespace {
-
-// SIGINT and SIGTERM as something to read, while it exists.
-class InterruptWatch {
- public:
-  InterruptWatch() {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGINT);
-    ::sigaddset(&signals, SIGTERM);
-    ::sigprocmask(SIG_BLOCK, &signals, &m_before);
-    m_fd = UniqueFd(::signalfd(-1, &signals, SFD_CLOEXEC));
-  }
-  ~InterruptWatch() {
-    signalfd_siginfo taken;  // one that ended the watch must not end the program when it is let in again
-    pollfd waiting{m_fd.Get(), POLLIN, 0};
-    while (::poll(&waiting, 1, 0) == 1 && ::read(m_fd.Get(), &taken, sizeof taken) == sizeof taken) {
-    }
-    ::sigprocmask(SIG_SETMASK, &m_before, nullptr);
-  }
-  InterruptWatch(const InterruptWatch&) = delete;
-  InterruptWatch& operator=(const InterruptWatch&) = delete;
-  int Fd() const { return m_fd.Get(); }
-
- private:
-  sigset_t m_before;
-  UniqueFd m_fd;
-};
-
-}  // namespace
+#include "tools/stun_runner.h"
 
 void Session::Execute(const Command& command) {
   switch (command.kind) {
@@ -56,6 +23,9 @@ void Session::Execute(const Command& command) {
       break;
     case CommandKind::WATCH:
       Watch(command.party);
+      break;
+    case CommandKind::STUN:
+      Stun(command.stun);
       break;
     default:
       Request(command);
@@ -131,7 +101,7 @@ Connection* Session::Connect(natclient_party party) {
     const Connection* found = Find(party);
     return found == nullptr || found->Welcomed();
   };
-  wish.deadline = TimeOut();
+  wish.deadline = Clock::now() + m_timeouts.contact;
   if (Wait(wish) != End::TIMED_OUT) return Find(party);
   std::erase_if(m_connections, [party](const auto& each) { return each->Party() == party; });
   Tell(EventKind::UNREACHABLE, party, "no welcome in time");
@@ -229,6 +199,16 @@ void Session::Watch(natclient_party party) {
   wish.done = [this, party] { return Find(party) == nullptr; };
   wish.readable = interrupt.Fd();
   m_interrupted = Wait(wish) == End::READABLE;
+}
+
+void Session::Stun(const StunCommand& command) {
+  const auto waitReadable = [this](int fd, Deadline until) {
+    Wish wish;
+    wish.readable = fd;
+    wish.deadline = until;
+    return Wait(wish) == End::READABLE;
+  };
+  m_status = Graver(m_status, RunStun(command, m_runtimeDir, m_timeouts, m_printer, waitReadable));
 }
 
 void Session::Finish() {

@@ -10,12 +10,13 @@
 #include "tools/connection.h"
 #include "tools/exit_status.h"
 #include "tools/printer.h"
+#include "tools/timeouts.h"
 
 // The connections of one natctl, and all its waiting: whatever is waited for, arrivals of every party are printed.
 class Session {
  public:
-  Session(std::string runtimeDir, int timeoutMs, Printer& printer)
-      : m_runtimeDir(std::move(runtimeDir)), m_timeout(timeoutMs), m_printer(printer) {}
+  Session(std::string runtimeDir, const Timeouts& timeouts, Printer& printer)
+      : m_runtimeDir(std::move(runtimeDir)), m_timeouts(timeouts), m_printer(printer) {}
 
   // Carries out one command. What fails is printed and kept in the status.
   void Execute(const Command& command);
@@ -44,7 +45,7 @@ class Session {
 
   End Wait(const Wish& wish);
   void Dispatch(std::size_t index);
-  Deadline TimeOut() const { return Clock::now() + m_timeout; }
+  Deadline TimeOut() const { return Clock::now() + m_timeouts.answer; }
 
   Connection* Find(natclient_party party) const;
   Connection* Connect(natclient_party party);
@@ -53,12 +54,13 @@ class Session {
   bool Send(natclient_party party, const Command& command, std::uint64_t id);
   void WaitForSilence(std::chrono::milliseconds silence);
   void Watch(natclient_party party);
+  void Stun(const StunCommand& command);
   std::uint64_t NextId(const Command& command);
   void Drop(std::size_t index);
   void Tell(EventKind kind, natclient_party party, const std::string& text = {});
 
   const std::string m_runtimeDir;
-  const std::chrono::milliseconds m_timeout;
+  const Timeouts m_timeouts;
   Printer& m_printer;
   std::vector<std::unique_ptr<Connection>> m_connections;
   std::uint64_t m_nextId = 1;

@@ -25,18 +25,22 @@ std::optional<StunCommand::Server> ParseServer(std::string_view word) {
 }  // namespace
 
 StunCommandResult ParseStunCommand(const std::vector<std::string>& words) {
+  constexpr std::string_view kLocalPort = "--local-port";
   StunCommand command;
   for (std::size_t i = 1; i < words.size(); ++i) {
-    if (words[i] == "--local-port") {
-      if (++i == words.size()) return {std::nullopt, "stun: --local-port: N is missing"};
-      const auto port = ParsePort(words[i]);
-      if (!port) return {std::nullopt, "stun: --local-port: '" + words[i] + "' is not a port, 1 to 65535"};
+    const std::string& word = words[i];
+    if (word == kLocalPort || word.starts_with(std::string(kLocalPort) + "=")) {
+      const bool isJoined = word != kLocalPort;
+      if (!isJoined && ++i == words.size()) return {std::nullopt, "stun: --local-port: N is missing"};
+      const std::string number = isJoined ? word.substr(kLocalPort.size() + 1) : words[i];
+      const auto port = ParsePort(number);
+      if (!port) return {std::nullopt, "stun: --local-port: '" + number + "' is not a port, 1 to 65535"};
       if (command.localPort != 0) return {std::nullopt, "stun: --local-port is given twice"};
       command.localPort = *port;
       continue;
     }
-    auto server = ParseServer(words[i]);
-    if (!server) return {std::nullopt, "stun: '" + words[i] + "' is not HOST[:PORT] or --local-port"};
+    auto server = ParseServer(word);
+    if (!server) return {std::nullopt, "stun: '" + word + "' is not HOST[:PORT] or --local-port"};
     command.servers.push_back(std::move(*server));
   }
   if (command.servers.empty()) return {std::nullopt, "stun: HOST[:PORT] is missing"};

@@ -1,7 +1,6 @@
 #include "tools/stun_query.h"
 
 #include <arpa/inet.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -97,12 +96,9 @@ StunOutcome StunQuery::Ask(const stun::Endpoint& server, TimePoint deadline) {
 std::optional<stun::Answer> StunQuery::AwaitAnswer(const stun::TransactionId& id, TimePoint until,
                                                    StunOutcome& outcome) {
   std::array<u8, 2048> datagram;
-  pollfd waiting{m_socket.Get(), POLLIN, 0};
   for (;;) {
-    const auto left = std::chrono::ceil<stun::Millis>(std::max(until - Clock::now(), Clock::duration::zero()));
-    const int ready = ::poll(&waiting, 1, static_cast<int>(left.count()));
-    if (ready == 0) return std::nullopt;
-    const ssize_t length = ready < 0 ? -1 : ::recv(m_socket.Get(), datagram.data(), datagram.size(), 0);
+    if (!m_waitReadable(m_socket.Get(), until)) return std::nullopt;
+    const ssize_t length = ::recv(m_socket.Get(), datagram.data(), datagram.size(), 0);
     if (length < 0 && !IsPassing(errno)) {
       Unreachable(outcome, errno);
       return std::nullopt;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -16,9 +17,14 @@ struct StunOutcome {
   std::string text;             // what more there is to say about the error
 };
 
+// Waits until the descriptor can be read or the time has come; whether it can be read.
+using WaitReadable = std::function<bool(int fd, stun::TimePoint until)>;
+
 // One UDP socket, from which server after server is asked, so that the mappings can be compared.
 class StunQuery {
  public:
+  explicit StunQuery(const WaitReadable& waitReadable) : m_waitReadable(waitReadable) {}
+
   // 0: any port that is free. Returns 0, or why it cannot be had, an errno.
   int Bind(u16 localPort);
 
@@ -29,5 +35,6 @@ class StunQuery {
   // The server's answer to what was sent last; nothing when none has come by then, or with an error in the outcome.
   std::optional<stun::Answer> AwaitAnswer(const stun::TransactionId& id, stun::TimePoint until, StunOutcome& outcome);
 
+  const WaitReadable& m_waitReadable;
   UniqueFd m_socket;
 };

@@ -1,13 +1,17 @@
 #include "tools/stun_runner.h"
 
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <system_error>
+#include <thread>
 
 #include "platform/sockets/host_lookup.h"
+#include "tools/agent_mapping.h"
 #include "tools/parsing.h"
-#include "tools/stun_query.h"
+#include "tools/terminal.h"
 
 namespace {
 
@@ -22,14 +26,21 @@ double Rounded(std::chrono::microseconds time) { return std::round(static_cast<d
 
 class Runner {
  public:
-  Runner(int timeoutMs, Printer& printer) : m_timeout(timeoutMs), m_printer(printer) {}
+  Runner(const std::string& runtimeDir, const Timeouts& timeouts, Printer& printer, const WaitReadable& waitReadable)
+      : m_runtimeDir(runtimeDir),
+        m_timeouts(timeouts),
+        m_printer(printer),
+        m_waitReadable(waitReadable),
+        m_query(waitReadable) {}
 
   ExitStatus Run(const StunCommand& command) {
-    if (const int error = m_query.Bind(command.localPort); error != 0) {
+    const int error = m_query.Bind(command.localPort);
+    if (error == EADDRINUSE && command.localPort != 0) {
+      TellLearnt(command.localPort);
+    } else if (error != 0) {
       const std::string port = command.localPort == 0 ? "a port" : "port " + std::to_string(command.localPort);
-      const std::string reason =
-          error == EADDRINUSE ? "it is in use by another program" : std::generic_category().message(error);
-      Fail(Json{{"error", "local-port"}}, "", "UDP " + port + " cannot be bound: " + reason);
+      Fail(Json{{"error", "local-port"}}, "",
+           "UDP " + port + " cannot be bound: " + std::generic_category().message(error));
     } else {
       for (const StunCommand::Server& server : command.servers) AskServer(server);
       if (m_asked > 1) Compare();
@@ -38,10 +49,44 @@ class Runner {
   }
 
  private:
-  stun::TimePoint Deadline() const { return stun::Clock::now() + m_timeout; }
+  // The port belongs to another program. The agent asks from it without taking it, so what the agent has learnt is
+  // told. It is read from status.sock: a party's queue gives decisions only, is taken by the port's owner as a rule,
+  // and loads settings when somebody else connects.
+  void TellLearnt(u16 port) {
+    std::string error;
+    const auto row = FindLearntPort(m_runtimeDir, port, stun::Clock::now() + m_timeouts.contact, error);
+    const std::string local = "*:" + std::to_string(port);
+    if (!row) {
+      const std::string why = error.empty() ? "has learnt nothing of it (sip_udp_use_stun, gw_use_stun)"
+                                            : "cannot be asked for it: " + error;
+      return Fail(Json{{"error", "local-port"}}, "",
+                  "UDP port " + std::to_string(port) +
+                      " cannot be bound: it is in use by another program, and the agent " + why);
+    }
+    const std::string server = row->value("server", "");
+    const std::string mapped = row->value("mapped", "");
+    const Json age = row->value("age_s", Json());
+    Tell(Json{{"stun", server}, {"local", local}, {"mapped", mapped}, {"by", "agent"}, {"age_s", age}},
+         Printable(server + "  " + local + " -> " + mapped) + "  by the agent, " + age.dump() + " s ago");
+  }
+
+  // On a thread of its own, so that the waiting stays with who lends it.
+  std::vector<u32> LookUp(const std::string& host) {
+    const auto deadline = stun::Clock::now() + m_timeouts.answer;
+    const UniqueFd ended(::eventfd(0, EFD_CLOEXEC));
+    std::vector<u32> addresses;
+    {
+      const std::jthread thread([&] {
+        addresses = sockets::LookUpHostAddresses(host.c_str(), std::stop_token(), deadline);
+        ::eventfd_write(ended.Get(), 1);
+      });
+      m_waitReadable(ended.Get(), deadline);
+    }
+    return addresses;
+  }
 
   void AskServer(const StunCommand::Server& server) {
-    const auto addresses = sockets::LookUpHostAddresses(server.host.c_str(), std::stop_token(), Deadline());
+    const std::vector<u32> addresses = LookUp(server.host);
     if (addresses.empty()) {
       const std::string name = server.host + ":" + std::to_string(server.port);
       ++m_asked;
@@ -53,7 +98,7 @@ class Runner {
   void AskAddress(const stun::Endpoint& server) {
     m_printer.Flush();
     ++m_asked;
-    const StunOutcome outcome = m_query.Ask(server, Deadline());
+    const StunOutcome outcome = m_query.Ask(server, stun::Clock::now() + m_timeouts.contact);
     if (!outcome.mapped) {
       Fail(Json{{"stun", Text(server)}, {"error", outcome.error}}, Text(server), outcome.text);
       return;
@@ -92,17 +137,18 @@ class Runner {
     m_isUnanswered = true;
     if (!text.empty()) object["text"] = text;
     const std::string reason = text.empty() ? "no answer in time" : text;
-    m_printer.Print(
-        m_printer.IsJson() ? Line(object) : "natctl: stun " + (whom.empty() ? reason : whom + ": " + reason) + "\n",
-        true);
+    const std::string plain = "natctl: stun " + Printable(whom.empty() ? reason : whom + ": " + reason) + "\n";
+    m_printer.Print(m_printer.IsJson() ? Line(object) : plain, true);
   }
 
   static std::string Line(const Json& object) {
     return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
   }
 
-  const std::chrono::milliseconds m_timeout;
+  const std::string& m_runtimeDir;
+  const Timeouts& m_timeouts;
   Printer& m_printer;
+  const WaitReadable& m_waitReadable;
   StunQuery m_query;
   std::size_t m_asked = 0;
   std::vector<stun::Endpoint> m_mapped;
@@ -111,6 +157,7 @@ class Runner {
 
 }  // namespace
 
-ExitStatus RunStun(const StunCommand& command, int timeoutMs, Printer& printer) {
-  return Runner(timeoutMs, printer).Run(command);
+ExitStatus RunStun(const StunCommand& command, const std::string& runtimeDir, const Timeouts& timeouts,
+                   Printer& printer, const WaitReadable& waitReadable) {
+  return Runner(runtimeDir, timeouts, printer, waitReadable).Run(command);
 }

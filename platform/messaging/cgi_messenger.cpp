@@ -12,11 +12,14 @@ CGIMessenger::~CGIMessenger() = default;
 
 bool CGIMessenger::IsPartyOnline() const { return m_queue->IsPartyOnline(); }
 
+messaging::QueueState CGIMessenger::State() const { return m_queue->State(); }
+
 void CGIMessenger::OnCgiPartyStateChanged(bool) {}
 
 bool CGIMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   assert(count == 1);
   const PartyQueue::Turn turn = m_queue->Process();
+  if (m_queue->HasRefusal()) OnRefused(m_queue->TakeRefusal());
   if (turn == PartyQueue::Turn::CONNECTED) OnCgiPartyStateChanged(true);
   if (turn == PartyQueue::Turn::HUNG_UP) OnCgiPartyStateChanged(false);
   if (turn == PartyQueue::Turn::MESSAGE || turn == PartyQueue::Turn::OWN_NOTICE) {

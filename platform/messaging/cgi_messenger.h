@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/messaging/queue_state.h"
 #include "platform/types.h"
 
 class PartyQueue;
@@ -25,6 +26,8 @@ class CGIMessenger {
   CGIMessenger& operator=(const CGIMessenger&) = delete;
 
   bool IsPartyOnline() const;
+  // As NatMessenger::State.
+  messaging::QueueState State() const;
 
   // As NatMessenger::ProcessMessageFromQueue.
   virtual bool ProcessMessageFromQueue(int count);
@@ -36,6 +39,10 @@ class CGIMessenger {
 
  protected:
   virtual void OnCgiPartyStateChanged(bool online);
+  // As NatMessenger::OnRefused.
+  virtual void OnRefused(const messaging::Refusal&) {}
+  // Whether the notice being handled is the party's, and not of this process.
+  bool IsFromParty() const { return m_updateFromParty; }
   virtual int OnUpdate(UpdateType type, const std::list<std::string>& texts, unsigned value) = 0;
 
  private:

@@ -49,10 +49,13 @@ NatMessenger::~NatMessenger() = default;
 
 bool NatMessenger::IsPartyOnline() const { return m_queue->IsPartyOnline(); }
 
+messaging::QueueState NatMessenger::State() const { return m_queue->State(); }
+
 bool NatMessenger::ProcessMessageFromQueue([[maybe_unused]] int count) {
   assert(count == 1);
   const Answering answering(*m_queue);
   const PartyQueue::Turn turn = m_queue->Process();
+  if (m_queue->HasRefusal()) OnRefused(m_queue->TakeRefusal());
   if (turn == PartyQueue::Turn::CONNECTED) OnPartyStateChanged(true);
   if (turn == PartyQueue::Turn::HUNG_UP) {
     OnPartyStateChanged(false);

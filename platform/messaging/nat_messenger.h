@@ -5,6 +5,7 @@
 #include <string>
 
 #include "nat/nat_records.h"
+#include "platform/messaging/queue_state.h"
 #include "platform/types.h"
 
 class PartyQueue;
@@ -27,6 +28,8 @@ class NatMessenger {
   NatMessenger& operator=(const NatMessenger&) = delete;
 
   bool IsPartyOnline() const;
+  // Also on a thread that keeps the one of the queues out.
+  messaging::QueueState State() const;
 
   // Processes what waits, at most one message, connection or hang-up. The argument must be 1. False when nothing
   // waited.
@@ -50,6 +53,8 @@ class NatMessenger {
  protected:
   // The handlers; their results have no meaning here.
   virtual bool OnPartyStateChanged(bool online) = 0;
+  // A connection or a message was refused.
+  virtual void OnRefused(const messaging::Refusal&) {}
   virtual u32 OnRequestCSNatMapping(const u64& queryId, const std::string& destination, const std::list<NatItem>& items,
                                     const u32& value) = 0;
   virtual u32 OnRequestCSNatMapping(const u64& queryId, const std::string& destination, const NatItem& item,

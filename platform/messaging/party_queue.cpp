@@ -109,6 +109,8 @@ bool PartyQueue::Adopt() {
   m_account = std::make_shared<messaging::PartyAccount>(*this);
   from.LookAtProgram();
   m_party = std::move(from);
+  m_since = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+                .count();
   m_peer = std::move(peer);
   m_peerReads = true;
   try {
@@ -136,7 +138,7 @@ void PartyQueue::AdoptWaiting() {
 void PartyQueue::RefuseNext() {
   messaging::Peer from;
   if (const UniqueFd peer = AcceptAdmitted(from)) {
-    Refuse(peer.Get(), messaging::RefusalReason::QUEUE_TAKEN,
+    Refuse(peer.Get(), from, messaging::RefusalReason::QUEUE_TAKEN,
            "another party is connected to queue " + std::to_string(m_number) + ": " + m_party.ProcessText());
   }
 }
@@ -154,16 +156,34 @@ UniqueFd PartyQueue::AcceptAdmitted(messaging::Peer& from) {
     return peer;
   }
   const std::string user = "user " + std::to_string(from.uid);
-  Refuse(peer.Get(), messaging::RefusalReason::NOT_ALLOWED, user + " may not use queue " + std::to_string(m_number));
+  Refuse(peer.Get(), from, messaging::RefusalReason::NOT_ALLOWED,
+         user + " may not use queue " + std::to_string(m_number));
   // Without the process, so that a user who tries over and over makes equal lines.
   JournalNotice(Name() + " refused " + user + ", who is not among its users");
   return {};
 }
 
-void PartyQueue::Refuse(int peer, messaging::RefusalReason reason, const std::string& text) {
+void PartyQueue::Refuse(int peer, const messaging::Peer& from, messaging::RefusalReason reason,
+                         const std::string& text) {
+  NoteRefusal(from, reason, text);
   messaging::EncodeFrame({.kind = FrameKind::REFUSED, .value = static_cast<u32>(reason), .text = text}, m_packet);
   // A fresh socket has room for it; a peer that is gone already needs no reason.
   messaging::SendPackets(peer, &m_packet, 1);
+}
+
+void PartyQueue::NoteRefusal(const messaging::Peer& from, messaging::RefusalReason reason, const std::string& text) {
+  ++m_counts.refusals[static_cast<std::size_t>(reason) % m_counts.refusals.size()];
+  m_refusal = {static_cast<u32>(reason), from.pid, from.uid, text};
+}
+
+messaging::QueueState PartyQueue::State() const {
+  messaging::QueueState state = m_counts;
+  state.isOnline = IsPartyOnline();
+  state.pid = m_party.pid;
+  state.uid = m_party.uid;
+  state.program = m_party.program;
+  state.since = m_since;
+  return state;
 }
 
 void PartyQueue::Rest() {
@@ -188,8 +208,9 @@ void PartyQueue::HoldBack(bool held) {
   if (std::exchange(m_heldBack, held) != held && m_peer && m_waiting.empty()) WatchPeer();
 }
 
-void PartyQueue::ReportDropped() const {
+void PartyQueue::ReportDropped() {
   if (const std::size_t dropped = messaging::PartyAccount::TakeDropped(m_number)) {
+    m_counts.dropped += dropped;
     JournalNotice("queue " + std::to_string(m_number) + ": dropped " + std::to_string(dropped) +
                   " look-ups, the oldest that parties had left when they hung up: at most " +
                   std::to_string(LateRequest::kMaxRequests) + " of them are kept, or 1 MB");

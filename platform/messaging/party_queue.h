@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/messaging/frame.h"
 #include "platform/messaging/late_request.h"
@@ -14,6 +15,7 @@
 #include "platform/messaging/peer.h"
 #include "platform/messaging/queue_registry.h"
 #include "platform/messaging/queue_socket.h"
+#include "platform/messaging/queue_state.h"
 #include "platform/messaging/runtime_dir_lease.h"
 #include "platform/unique_fd.h"
 
@@ -43,6 +45,13 @@ class PartyQueue {
 
   int Number() const { return m_number; }
   bool IsPartyOnline() const { return static_cast<bool>(m_peer); }
+
+  // Of the present party, or the one before; the counts. The thread that processes the queues, or one that keeps it
+  // out.
+  messaging::QueueState State() const;
+  // What was refused since the last call, if anything.
+  messaging::Refusal TakeRefusal() { return std::exchange(m_refusal, {}); }
+  bool HasRefusal() const { return m_refusal.reason != 0; }
 
   // Does one thing that waits; at most one message, connection or hang-up. A second peer is refused on the way.
   Turn Process();
@@ -75,7 +84,7 @@ class PartyQueue {
   void HoldBack(bool held);
 
   // After a hang-up: says in the journal how many requests of gone parties were dropped, if any.
-  void ReportDropped() const;
+  void ReportDropped();
 
   // For a poller: from now on the epoll instance, which is shared with the poller, tells of this queue. Each event's
   // data is the number and, in the low byte, the bit of what is ready. False when the queue is not open.
@@ -103,7 +112,8 @@ class PartyQueue {
   bool Adopt();
   void RefuseNext();
   UniqueFd AcceptAdmitted(messaging::Peer& from);
-  void Refuse(int peer, messaging::RefusalReason reason, const std::string& text);
+  void Refuse(int peer, const messaging::Peer& from, messaging::RefusalReason reason, const std::string& text);
+  void NoteRefusal(const messaging::Peer& from, messaging::RefusalReason reason, const std::string& text);
   void Rest();
   bool TakeOwnNotice();
   Turn Receive();  // only while no answer waits and the party is not held back
@@ -145,7 +155,10 @@ class PartyQueue {
   bool m_noticeWasLast = false;  // own notices and the party take turns
 
   UniqueFd m_peer;
-  messaging::Peer m_party;  // who that is
+  messaging::Peer m_party;         // who that is
+  std::int64_t m_since = 0;        // when it connected, milliseconds since 1970
+  messaging::QueueState m_counts;  // the counts only
+  messaging::Refusal m_refusal;
   std::shared_ptr<messaging::PartyAccount> m_account;
   bool m_heldBack = false;
   bool m_peerReads = false;           // false: it has hung up on us, and what it sent is still being taken

@@ -77,11 +77,13 @@ bool PartyQueue::IsEmptyPacket() const {
 }
 
 void PartyQueue::RefuseMessage(const messaging::FrameFault& fault) {
+  NoteRefusal(m_party, fault.reason, fault.text);
   SendFrame(FrameKind::REFUSED, m_message.queryId, static_cast<u32>(fault.reason), fault.text);
 }
 
 bool PartyQueue::SendAnswer(bool encoded) {
   const bool sent = RequestScope::IsFor(m_account) && Send(encoded);
+  m_counts.undelivered += sent ? 0 : 1;
   RequestScope::Answered();
   return sent;
 }

@@ -17,7 +17,7 @@ constinit PartyQueue* QueueRegistry::s_first = nullptr;
 static_assert(std::is_trivially_destructible_v<ThreadMutex>);
 
 int QueueRegistry::UseLease(const char* dir, int lock) {
-  const std::string_view name = dir != nullptr && lock >= 0 ? dir : "";
+  const std::string_view name = dir != nullptr ? dir : "";
   HostsLease lease{{}, lock};
   if (name.size() >= sizeof lease.dir) {
     return ENAMETOOLONG;
@@ -33,7 +33,7 @@ int QueueRegistry::UseLease(const char* dir, int lock) {
 
 std::shared_ptr<const RuntimeDirLease> QueueRegistry::Join(PartyQueue& queue, int number) {
   ScopedLock lock(s_mutex);
-  const std::string dir = s_hostsLease.lock >= 0 ? s_hostsLease.dir : RuntimeDir();
+  const std::string dir = s_hostsLease.dir[0] != '\0' ? s_hostsLease.dir : RuntimeDir();
   std::shared_ptr<const RuntimeDirLease> lease;
   for (PartyQueue* other = s_first; other != nullptr; other = other->m_next) {
     if (other->m_number == number) {

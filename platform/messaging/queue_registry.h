@@ -25,9 +25,9 @@ class QueueRegistry {
     LOST,  // one could not be opened, or parties do not find it under its path any more
   };
 
-  // From the next Join without other queues on, the runtime directory is this one, and its lease the one that `lock`
-  // belongs to, which must stay open as long as there are queues. Negative: as without this call. Returns 0 or an
-  // errno.
+  // From the next Join without other queues on, the runtime directory is this one (null or empty: RuntimeDir), and its
+  // lease the one that `lock` belongs to, which must stay open as long as there are queues. Negative: one of our own.
+  // Returns 0 or an errno.
   static int UseLease(const char* dir, int lock) NAT_EXCLUDES(s_mutex);
 
   // Adds a queue and gives it the lease of the runtime directory: the one that a queue of this process has already,
@@ -51,7 +51,7 @@ class QueueRegistry {
   static void Post(const std::string& notice) NAT_EXCLUDES(s_mutex);
 
  private:
-  // A lease that the host of the process holds.
+  // The directory that the host has chosen, and the lease that it holds.
   struct HostsLease {
     char dir[sizeof(sockaddr_un::sun_path)];
     int lock;

@@ -36,6 +36,32 @@ void Learner::RemovePort(u16 port) {
   }
 }
 
+std::optional<Endpoint> Learner::Before(u16 port) const {
+  const auto found = m_table.FindFrom(port);
+  return found && found->port == port && found->before.Known() ? std::optional(found->before) : std::nullopt;
+}
+
+bool Learner::Describe(u32 port, StunPort& description, TimePoint now) const {
+  const auto found = m_table.FindFrom(port);
+  if (!found) {
+    return false;
+  }
+  const auto ms = [](Clock::duration span) { return std::chrono::duration_cast<Millis>(span).count(); };
+  const auto [state, turn] = m_schedule.StateOf(found->port);
+  description.port = found->port;
+  description.isMedia = found->isMedia;
+  description.isUnsettled = found->mapping.IsUnsettled();
+  description.mappedIp = found->mapping.Mapped().address;
+  description.mappedPort = found->mapping.Mapped().port;
+  description.serverIp = found->mapping.Server().address;
+  description.serverPort = found->mapping.Server().port;
+  description.ageMs = found->heard == TimePoint{} ? -1 : ms(now - found->heard);
+  description.nextMs = state == PortState::RESTING ? ms(std::max(turn - now, Clock::duration::zero()))
+                       : state == PortState::DUE   ? 0
+                                                   : -1;
+  return true;
+}
+
 void Learner::RemoveAllPorts() {
   m_table.Clear();
   m_schedule.Clear();
@@ -159,6 +185,7 @@ void Learner::HandleMapping(const Arrival& arrival, TimePoint now) {
   m_servers.Heard();
   m_diagnosis.Mapped(arrival.port, *m_server, now);
   const Mapping::News news = m_table.Observe(arrival.port, arrival.answer.mapped, *m_server);
+  m_table.SetHeard(arrival.port, now);
   m_diagnosis.Unsettled(m_table.Unsettled(), now);
   m_schedule.Mapped(arrival.port, news == Mapping::News::DOUBTFUL, now);
   if (news == Mapping::News::CHANGED) {

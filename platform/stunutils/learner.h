@@ -27,9 +27,15 @@ class Learner {
   void RemovePort(u16 port);
   void RemoveAllPorts();
   Mapping Find(u16 port) const { return m_table.Find(port); }
+  // What was answered of a registered port before the present mapping, if anything.
+  std::optional<Endpoint> Before(u16 port) const;
   bool Has(u16 port) const { return m_table.Has(port); }
   std::size_t Size() const { return m_table.Size(); }
   std::size_t KnownSize() const { return m_table.KnownSize(); }
+  // Fills what is known of the registered port of this number, or of the next one above; false beyond the last.
+  bool Describe(u32 port, StunPort& description, TimePoint now) const;
+  // The server that is asked, if any, and how it stands.
+  std::pair<std::optional<Endpoint>, ServerState> Server() const { return {m_server, m_schedule.Server()}; }
   NatMapping Nat() const { return m_natCheck.Conclusion(); }
 
   // Starts learning over a new transport, or over a turn that found no memory. From another local address than before,

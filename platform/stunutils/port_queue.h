@@ -36,6 +36,11 @@ class PortQueue {
 
   // How often it has asked for nothing since it last rested.
   u32 Passes(u16 number) const { return m_ports.at(number).passes; }
+  // Of a port that is there: its state, and while it rests when its turn is.
+  std::pair<PortState, TimePoint> StateOf(u16 number) const {
+    const Port& port = m_ports.at(number);
+    return {port.state, port.turn};
+  }
   bool IsUrgent(u16 number) const { return m_ports.at(number).isUrgent; }
 
   bool HasDue() const { return m_order.begin() != Begin(PortState::RESTING); }

@@ -41,8 +41,8 @@ bool PortTable::IsSignalling(u16 port) const {
 }
 
 Mapping::News PortTable::Observe(u16 port, const Endpoint& mapped, const Endpoint& server) {
-  Mapping& known = m_ports.at(port).mapping;
-  Mapping mapping = known;  // until the lists have taken the port, for which they need memory
+  Port& entry = m_ports.at(port);
+  Mapping mapping = entry.mapping;  // until the lists have taken the port, for which they need memory
   const Mapping::News news = mapping.Observe(mapped, server);
   if (news == Mapping::News::CHANGED) {
     m_changed.insert(port);
@@ -52,8 +52,12 @@ Mapping::News PortTable::Observe(u16 port, const Endpoint& mapped, const Endpoin
   } else {
     m_unsettled.erase(port);
   }
-  m_knownSize += known.Mapped().Known() ? 0 : 1;
-  known = mapping;
+  const Endpoint before = entry.mapping.Mapped();
+  m_knownSize += before.Known() ? 0 : 1;
+  if (before.Known() && before != mapping.Mapped()) {
+    entry.before = before;
+  }
+  entry.mapping = mapping;
   return news;
 }
 
@@ -62,12 +66,24 @@ Mapping PortTable::Find(u16 port) const {
   return found == m_ports.end() ? Mapping() : found->second.mapping;
 }
 
+std::optional<PortTable::View> PortTable::FindFrom(u32 port) const {
+  const auto found = port > UINT16_MAX ? m_ports.end() : m_ports.lower_bound(static_cast<u16>(port));
+  if (found == m_ports.end()) {
+    return std::nullopt;
+  }
+  const auto& [number, entry] = *found;
+  return View{number, !IsSignalling(number), entry.mapping, entry.before, entry.heard};
+}
+
 std::optional<u16> PortTable::Unsettled() const {
   return m_unsettled.empty() ? std::nullopt : std::optional(*m_unsettled.begin());
 }
 
 void PortTable::Forget() {
   for (auto& [number, port] : m_ports) {
+    if (port.mapping.Mapped().Known()) {
+      port.before = port.mapping.Mapped();
+    }
     port.mapping.Forget();
   }
   m_knownSize = 0;

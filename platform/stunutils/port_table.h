@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/stunutils/mapping.h"
+#include "platform/stunutils/timing.h"
 #include "platform/types.h"
 
 namespace stun {
@@ -29,6 +30,17 @@ class PortTable {
   Mapping::News Observe(u16 port, const Endpoint& mapped, const Endpoint& server);
   // Not known: all 0.
   Mapping Find(u16 port) const;
+  // The registered port of this number, or the next one above.
+  struct View {
+    u16 port = 0;
+    bool isMedia = false;
+    const Mapping& mapping;
+    Endpoint before;  // what was answered before the present mapping, if anything
+    TimePoint heard;  // the last answer; the epoch: none
+  };
+  std::optional<View> FindFrom(u32 port) const;
+  void SetHeard(u16 port, TimePoint now) { m_ports.at(port).heard = now; }
+
   std::size_t Size() const { return m_ports.size(); }
   // Of how many ports a mapping is answered.
   std::size_t KnownSize() const { return m_knownSize; }
@@ -50,6 +62,8 @@ class PortTable {
   struct Port {
     std::vector<Owner> owners;
     Mapping mapping;
+    Endpoint before;
+    TimePoint heard{};
   };
 
   std::map<u16, Port> m_ports;

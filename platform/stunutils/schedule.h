@@ -76,6 +76,8 @@ class Schedule {
   bool Lend(u16 number, TimePoint now) { return m_ports.Apply(number, PortEvent::LEND, now) == PortAction::HAND_OUT; }
   void Return(u16 number, TimePoint now) { Apply(number, PortEvent::RETURNED, now); }
 
+  ServerState Server() const { return m_server; }
+  std::pair<PortState, TimePoint> StateOf(u16 number) const { return m_ports.StateOf(number); }
   bool IsServerHeard() const { return m_server == ServerState::HEARD; }
   // Nothing is awaited and nothing due.
   bool IsIdle() const { return m_flights.empty() && !m_ports.HasDue(); }

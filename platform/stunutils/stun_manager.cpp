@@ -183,6 +183,34 @@ void StunManager::GetPortResult(u16 port, StunResult& result) {
   result.port3 = known.Server().port;
 }
 
+void StunManager::GetMappingBefore(u16 port, u32& mappedIp, u16& mappedPort) {
+  const ScopedLock lock(m_impl->shared.lock);
+  const auto before = m_impl->shared.learner.Before(port);
+  mappedIp = before ? before->address : 0;
+  mappedPort = before ? before->port : u16{0};
+}
+
+std::size_t StunManager::ListPorts(u32 from, std::span<StunPort> ports) {
+  const stun::TimePoint now = Clock::now();
+  const ScopedLock lock(m_impl->shared.lock);
+  std::size_t count = 0;
+  while (count < ports.size() && m_impl->shared.learner.Describe(from, ports[count], now)) {
+    from = ports[count++].port + 1U;
+  }
+  return count;
+}
+
+StunServerState StunManager::GetServer() {
+  static_assert(static_cast<int>(StunServerState::State::REFUSING) ==
+                static_cast<int>(stun::ServerState::REFUSING) + 1);
+  const ScopedLock lock(m_impl->shared.lock);
+  const auto [server, state] = m_impl->shared.learner.Server();
+  if (!server || m_impl->ownThread == std::thread::id()) {
+    return {};
+  }
+  return {static_cast<StunServerState::State>(static_cast<int>(state) + 1), server->address, server->port};
+}
+
 void StunManager::CountPorts(u32& registered, u32& known) {
   const ScopedLock lock(m_impl->shared.lock);
   registered = static_cast<u32>(m_impl->shared.learner.Size());

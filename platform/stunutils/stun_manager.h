@@ -2,6 +2,7 @@
 
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -30,6 +31,27 @@ struct StunResult {
   u32 value = 0;
 };
 static_assert(sizeof(StunResult) == 44);
+
+// A port that is watched, for people.
+struct StunPort {
+  u16 port = 0;
+  bool isMedia = false;
+  bool isUnsettled = false;  // the NAT gives it another mapping each time
+  u32 mappedIp = 0;          // network byte order; 0 when not known
+  u16 mappedPort = 0;
+  u32 serverIp = 0;  // that told it
+  u16 serverPort = 0;
+  std::int64_t ageMs = -1;  // since the last answer; -1: none
+  std::int64_t nextMs = 0;  // until it asks again; -1: it is asking
+};
+
+// The server that is asked, for people.
+struct StunServerState {
+  enum class State { WAITING, UNHEARD, HEARD, DOUBTED, SILENT, REFUSING };  // the first: not started, or no address yet
+  State state = State::WAITING;
+  u32 ip = 0;  // network byte order; 0: none
+  u16 port = 0;
+};
 
 // Whether a NAT gives a port the same mapping toward different destinations. Only then do others than the STUN server
 // see the port as it was learnt.
@@ -76,6 +98,13 @@ class StunManager {
 
   // How many ports are registered, and of how many of them the mapping is known.
   void CountPorts(u32& registered, u32& known);
+
+  // The public side of a port that was answered before the present one; 0 when there was none.
+  void GetMappingBefore(u16 port, u32& mappedIp, u16& mappedPort);
+
+  // Describes watched ports from this number on, in their order, and returns how many.
+  std::size_t ListPorts(u32 from, std::span<StunPort> ports);
+  StunServerState GetServer();
 
   // Probe now instead of at the next scheduled time; a port probed a moment ago as soon as that is a while ago. Several
   // in a row are one.

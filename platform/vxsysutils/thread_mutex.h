@@ -12,6 +12,7 @@ class NAT_CAPABILITY("mutex") ThreadMutex {
   ThreadMutex& operator=(const ThreadMutex&) = delete;
 
   void Lock() NAT_ACQUIRE() { m_mutex.lock(); }
+  bool TryLock() NAT_TRY_ACQUIRE(true) { return m_mutex.try_lock(); }
   void Unlock() NAT_RELEASE() { m_mutex.unlock(); }
 
  private:

@@ -16,7 +16,10 @@
 void Printer::Print(const Event& event) {
   const std::string json = JsonLine(event);
   fuzz::Require(json.find('\n') == json.size() - 1, "an object is one line");
-  fuzz::Require(PlainLines(event).ends_with('\n'), "a plain line has an end");
+  const std::string plain = PlainLines(event);
+  fuzz::Require(plain.ends_with('\n'), "a plain line has an end");
+  const auto isShown = [](char c) { return (c >= ' ' && c <= '~') || c == '\n'; };
+  fuzz::Require(std::all_of(plain.begin(), plain.end(), isShown), "a plain line controls no terminal");
 }
 
 namespace {

@@ -10,7 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::Require(error.starts_with("file:"), "an error names the file");
   }
   if (result.settings) {
-    fuzz::Require(ChangesBetween(*result.settings, *result.settings) == 0, "equal settings differ in nothing");
+    const ConfigResult again = ParseConfig(RenderConfig(result.values), "printed");
+    fuzz::Require(again.settings && ChangesBetween(*result.settings, *again.settings) == 0, "printed settings hold");
   }
   return 0;
 }

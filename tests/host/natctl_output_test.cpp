@@ -43,6 +43,9 @@ TEST(NatctlOutput, JsonToTheLetter) {
 }
 
 TEST(NatctlOutput, OutcomesInWords) {
+  Event hostile(EventKind::NOTICE, NATCLIENT_SIP);
+  hostile.updateType = 92;
+  hostile.texts = {"\x1B]0;\a\" \\", "\xC2\x9B\n"};
   const struct {
     Event event;
     const char* lines;
@@ -58,8 +61,12 @@ TEST(NatctlOutput, OutcomesInWords) {
        "      203.0.113.7:15060      <- 10.77.0.2:5060         found\n"},
       {Make(EventKind::TIMEOUT, NATCLIENT_SIP, 7), "natctl: sip: request 7 was not answered in time\n"},
       {Make(EventKind::LOST, NATCLIENT_SIP, {}), "natctl: sip: the connection was lost\n"},
+      {Make(EventKind::REFUSED, NATCLIENT_SIP, {}, "a\r\x1B[2J"), "natctl: sip: refused: a\\x0d\\x1b[2J\n"},
+      {hostile, "sip   notice   92 \"\\x1b]0;\\x07\\x22 \\x5c\" \"\\xc2\\x9b\\x0a\"\n"},
   };
   for (const auto& each : cases) EXPECT_EQ(PlainLines(each.event), each.lines);
+  EXPECT_EQ(PlainLines(Make(EventKind::LOST, NATCLIENT_SIP, {}), true),
+            "\x1B[31mnatctl: sip: the connection was lost\x1B[0m\n");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-"""A Debian 12 that runs systemd, booted by systemd-nspawn in a network namespace of the bed. It sees the installed
-programs under /usr/local and writes into memory only; it is ended by process id."""
+"""A Debian 12 that runs systemd, booted by systemd-nspawn in a network namespace of the bed. It sees one directory of this
+machine and writes into memory only; it is ended by process id."""
 
 import ctypes
 import os
@@ -46,11 +46,11 @@ class ControlGroups:
 
 
 class Container:
-    def __init__(self, namespace):
+    def __init__(self, namespace, shown=INSTALLED / "usr/local", at="/usr/local"):
         name = f"{namespace.name}-debian"
         self.groups = None if HAS_SYSTEMD else ControlGroups(name)
         command = ["systemd-nspawn", "--quiet", f"--directory={TREE}", "--volatile=overlay", "--boot",
-                   f"--machine={name}", "--register=no", "--console=pipe", f"--bind-ro={INSTALLED}/usr/local:/usr/local",
+                   f"--machine={name}", "--register=no", "--console=pipe", f"--bind-ro={shown}:{at}",
                    f"--network-namespace-path=/run/netns/{namespace.name}"]
         if self.groups:
             command.append("--keep-unit")

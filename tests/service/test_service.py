@@ -23,7 +23,7 @@ class Service(nat_bed.NatBedTest):
         super().setUp()
         self.debian = Container(self.dev)
         self.addCleanup(self.debian.close)
-        self.debian.run("useradd", "--system", "--user-group", "--no-create-home", "natagent")
+        self.debian.run("systemd-sysusers", "natagent.conf")
         self.debian.run("useradd", "--groups", "natagent", "voip")
         self.debian.run("useradd", "stranger")
 

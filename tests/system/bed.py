@@ -153,9 +153,13 @@ class Daemon(Program):
         self.config_path.write_text(config)
         super().__init__(namespace.command(*wrap, NATAGENTD, "--config", self.config_path, "--runtime-dir",
                                            self.runtime, "--log-dir", self.directory))
-        wait_until(lambda: (self.runtime / "queue-102").exists() or self.process.poll() is not None, "the queues")
-        if self.process.poll() is not None:
-            raise AssertionError("natagentd ended: " + "".join(self.errors))
+        try:
+            wait_until(lambda: (self.runtime / "queue-102").exists() or self.process.poll() is not None, "the queues")
+            if self.process.poll() is not None:
+                raise AssertionError("natagentd ended: " + "".join(self.errors))
+        except BaseException:
+            self.end()
+            raise
 
     def log(self):
         return self.log_path.read_bytes().decode() if self.log_path.exists() else ""
@@ -165,7 +169,10 @@ class Daemon(Program):
         wait_until(lambda: self.log().count(text) >= times, f"{times} x {text!r} in the log")
 
     def reload(self, config):
-        self.config_path.write_text(config)
+        # In one step: the daemon may be reading for an earlier signal still.
+        new = self.config_path.with_suffix(".new")
+        new.write_text(config)
+        new.replace(self.config_path)
         self.signal(signal.SIGHUP)
 
     def resident_kb(self):
@@ -259,4 +266,6 @@ class BedTest(unittest.TestCase):
 
 
 def main():
-    unittest.main(argv=[sys.argv[0], *sys.argv[1:]])
+    """As unittest's, but finding no test is a failure."""
+    result = unittest.main(argv=[sys.argv[0], *sys.argv[1:]], exit=False).result
+    sys.exit(not (result.testsRun and result.wasSuccessful()))

@@ -47,7 +47,8 @@ class Host(silent_dns.SilentDnsTest):
         for command, code, text in [
             ((*natagentd, wrong), 2, f"{wrong}:2: nat.sip_udp_port: "),
             ((*natagentd, first.config_path, "--check"), 0, f"{first.config_path}: ok\n"),
-            ((*natagentd, first.config_path, "--chekc"), 2, "--chekc"),
+            ((*natagentd, first.config_path, "--print-config"), 0, f"sip_udp_public_port = 15060             # {first.config_path}:"),
+            ((*natagentd, first.config_path, "--chekc"), 2, "--chekc; did you mean '--check'?"),
             ((*natagentd, first.config_path), 1, f"{first.runtime} is in use by process {first.pid}\n"),
             ((bed.NATCTL, "--runtime-dir", first.directory, "cs", "cm", *item), 3, "the agent cannot be reached"),
             ((*natctl, "cs", "sip", *item), 3, "another party is connected to queue 112"),
@@ -162,19 +163,23 @@ class Host(silent_dns.SilentDnsTest):
     def test_last_good_configuration(self):
         state = pathlib.Path(self.directory) / "state"
         state.mkdir(mode=0o700)
+        drop_in = pathlib.Path(self.directory) / "conf.d" / "port.toml"
+        drop_in.parent.mkdir()
+        drop_in.write_text("[nat]\nsip_udp_public_port = 15066\n")
         self.wrap = ("env", f"NATAGENT_STATE_DIR={state}")
         crashed = self.started(bed.Daemon(self.dev, self.directory, configs.STATIC, self.wrap))
         crashed.said("ready")
         bed.wait_until(lambda: (state / "state").stat().st_size > 0, "the mark that it runs")
         crashed.signal(signal.SIGKILL)
         crashed.wait()
-        # The file is wrong by the time the daemon is started again, and stays so.
-        daemon = self.daemon("[)x]\n")
+        # A drop-in is wrong by the time the daemon is started again, and stays so.
+        drop_in.write_text("[)x]\n")
+        daemon = self.daemon(configs.STATIC)
         daemon.said("last good settings, not those of")
-        self.assertEqual(self.natctl(daemon).ask("cs sip 198.51.100.9 10.77.0.2:5060")["port"], 15060)
+        self.assertEqual(self.natctl(daemon).ask("cs sip 198.51.100.9 10.77.0.2:5060")["port"], 15066)
         daemon.signal(signal.SIGHUP)
         daemon.said("the settings stay as they are")
-        self.assertEqual(sum(f"{daemon.config_path}:1: the name of a table" in line for line in daemon.errors), 2)
+        self.assertEqual(sum(f"{drop_in}:1: the name of a table" in line for line in daemon.errors), 2)
         self.assertEqual(daemon.stop(), 0)
         again = bed.run(*self.dev.command(*self.wrap, bed.NATAGENTD, "--config", daemon.config_path), check=False)
         self.assertEqual(again.returncode, 2, again.stderr)

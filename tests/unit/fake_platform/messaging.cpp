@@ -133,6 +133,10 @@ NatMessenger::~NatMessenger() = default;
 
 bool NatMessenger::IsPartyOnline() const { return fake::Device()->online.contains(m_queue->number); }
 
+messaging::QueueState NatMessenger::State() const {
+  return {.isOnline = IsPartyOnline(), .pid = 4711, .uid = 1001, .program = "agent", .since = 1};
+}
+
 bool NatMessenger::ProcessMessageFromQueue(int count) {
   Message message;
   {
@@ -199,6 +203,7 @@ u32 NatMessenger::ResponseReverceRTPNatMapping(const u64& id, const std::list<Na
 CGIMessenger::CGIMessenger(int) {}
 CGIMessenger::~CGIMessenger() = default;
 bool CGIMessenger::IsPartyOnline() const { return false; }
+messaging::QueueState CGIMessenger::State() const { return {}; }
 bool CGIMessenger::ProcessMessageFromQueue(int) { return false; }
 int CGIMessenger::Update(UpdateType, const std::list<std::string>&, unsigned) { return 0; }
 void CGIMessenger::OnCgiPartyStateChanged(bool) {}

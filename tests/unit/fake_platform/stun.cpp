@@ -35,6 +35,21 @@ void StunManager::GetPortResult(u16 port, StunResult& result) {
   }
 }
 
+void StunManager::GetMappingBefore(u16, u32& mappedIp, u16& mappedPort) { mappedIp = mappedPort = 0; }
+
+std::size_t StunManager::ListPorts(u32 from, std::span<StunPort> ports) {
+  fake::Device device;
+  std::size_t count = 0;
+  for (auto port = device->stunPorts.lower_bound(static_cast<u16>(from));
+       port != device->stunPorts.end() && count < ports.size(); ++port) {
+    ports[count++] = {.port = port->first, .mappedIp = port->second.first, .mappedPort = port->second.second};
+  }
+  return count;
+}
+
+StunServerState StunManager::GetServer() { return {StunServerState::State::HEARD, 1, 3478}; }
+NatMapping StunManager::GetNatMapping() { return NatMapping::SAME; }
+
 void StunManager::CountPorts(u32& registered, u32& known) {
   registered = 200;
   known = static_cast<u32>(fake::Device()->stunPorts.size());
