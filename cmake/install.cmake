@@ -16,8 +16,8 @@ install(FILES platform/types.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/natagent/
 target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/natagent>)
 
-install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES docs/architecture.md docs/protocol.md docs/natagentd.8.md docs/natctl.1.md
+install(FILES examples/natagentd.toml examples/epoll_client.c DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES docs/architecture.md docs/protocol.md docs/integrators.md docs/natagentd.8.md docs/natctl.1.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 # The unit names paths, and the prefix may be chosen as late as at the installation.
 install(CODE "
