@@ -18,8 +18,8 @@ target_include_directories(natagent INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE
 # What the public headers need.
 target_compile_features(natagent INTERFACE c_std_11 cxx_std_11)
 
-install(FILES examples/natagentd.toml DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
-install(FILES docs/architecture.md docs/one-way-audio.md docs/protocol.md docs/status.md docs/which-parties.md
+install(FILES examples/natagentd.toml examples/epoll_client.c DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES docs/architecture.md docs/integrators.md docs/one-way-audio.md docs/protocol.md docs/status.md docs/which-parties.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natctl)
 install(FILES tools/completion/natctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME natagentd)
