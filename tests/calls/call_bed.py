@@ -16,6 +16,8 @@ from nat_bed import PUBLIC
 
 DEVICE = "10.77.0.2"
 FAR_END = nat_bed.OBSERVER
+REGISTRAR = nat_bed.SERVER
+SIP_PHONE = bed.BUILD / "examples" / "sip-phone" / "sip_phone"
 SECONDS_OF_SOUND = 3
 PACKETS = SECONDS_OF_SOUND * 50
 
@@ -104,6 +106,8 @@ class CallBed(nat_bed.NatBedTest):
         if way.forwarded:
             self.nft("add chain ip nat pre { type nat hook prerouting priority dstnat; }; "
                      f'add rule ip nat pre iifname "r1" {way.forwarded}')
+        if way.config and "use_stun" in way.config:
+            self.coturn()
 
     def offers(self, way):
         """The device's SIP and media endpoints as its offer gives them: what the agent says, or the local ones."""
@@ -114,6 +118,9 @@ class CallBed(nat_bed.NatBedTest):
         return tuple(self.answered(natctl, request) for request in
                      (f"cs sip {FAR_END} {DEVICE}:5060", f"rtp cc {FAR_END} {DEVICE}:10000"))
 
+    def listens(self, options, address):
+        bed.wait_until(lambda: address in bed.run(*self.inet.command("ss", options)).stdout, f"a program at {address}")
+
     def far_end(self):
         home = pathlib.Path(self.directory) / "baresip"
         home.mkdir()
@@ -121,12 +128,11 @@ class CallBed(nat_bed.NatBedTest):
         (home / "accounts").write_text(f"<sip:far@{FAR_END}>;regint=0;answermode=auto;audio_codecs=pcma\n")
         program = self.started(bed.Program(self.inet.command("baresip", "-f", home), stdout=bed.subprocess.DEVNULL))
         for options, address in ("-Huln", f"{FAR_END}:5060"), ("-Htln", "127.0.0.1:4444"):
-            bed.wait_until(lambda: address in bed.run(*self.inet.command("ss", options)).stdout, f"baresip at {address}")
+            self.listens(options, address)
         return program
 
-    def end_call(self):
-        """Has the far end end its calls, and itself."""
-        command = json.dumps({"command": "quit"})
+    def tell_far_end(self, command, parameters=""):
+        command = json.dumps({"command": command, "params": parameters})
         with nat_bed.socket_in(self.inet, socket.SOCK_STREAM) as control:
             control.connect(("127.0.0.1", 4444))
             control.sendall(f"{len(command)}:{command},".encode())
@@ -142,16 +148,23 @@ class CallBed(nat_bed.NatBedTest):
             "-timeout", f"{bed.DEADLINE}s", "-nostdin", *[word for key in keys.items() for word in ("-key", *key)]),
             stdout=bed.subprocess.DEVNULL))
 
+    def registrar(self):
+        self.started(bed.Program(self.inet.command(
+            "kamailio", "-f", HERE / "kamailio.cfg", "-l", f"udp:{REGISTRAR}:5060", "-Y", self.directory), stdout=bed.subprocess.DEVNULL))
+        self.listens("-Huln", f"{REGISTRAR}:5060")
+
+    def phone(self, daemon):
+        return self.started(bed.Program(self.dev.command(
+            "env", f"NATAGENT_RUNTIME_DIR={daemon.runtime}", SIP_PHONE, DEVICE, REGISTRAR)))
+
     def call(self, way):
         self.route_as(way)
-        if way.config and "use_stun" in way.config:
-            self.coturn()
         far_end = self.far_end()
         sip, media = self.offers(way)
         begin = time.monotonic()
         caller = self.caller(sip, media)
         bed.wait_until(lambda: self.counted(self.dev, "out") >= PACKETS, "the device's sound")
-        self.end_call()
+        self.tell_far_end("quit")  # which ends its call
         bye = caller.wait() == 0  # sipp fails without it
         far_end.process.kill()  # which may wait for the answer to its BYE for long
         return Outcome(f"{media[0]}:{media[1]}", self.counted(self.dev, "out"), self.counted(self.dev, "in"),
