@@ -24,9 +24,12 @@
 #include <sofia-sip/nua.h>
 #include <sofia-sip/sdp.h>
 #include <sofia-sip/sip_status.h>
+#include <sofia-sip/su_log.h>
 #include <sofia-sip/su_wait.h>
 
 #include "natclient.h"
+
+extern su_log_t tport_log[]; /* of the SIP library's transports */
 
 enum {
   SIP_PORT = 5060,
@@ -292,6 +295,7 @@ int main(int count, char** words) {
                         .sip.handlers = {.cs = on_signalling, .notice = on_notice},
                         .cm.handlers = {.rtp = on_media}};
   su_init();
+  su_log_set_level(tport_log, 0); /* it reports each of STUN's answers, which reach this port too */
   phone.root = su_root_create(&phone);
   su_root_threading(phone.root, 0);
   phone.ask_again = su_timer_create(su_root_task(phone.root), ASK_AGAIN_MS);

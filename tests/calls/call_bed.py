@@ -59,8 +59,8 @@ class Way:
 
 
 WAYS = [
-    Way("no agent", None, False),
-    Way("static ports", STATIC, True, port_map=nat_bed.PORT_MAP, forwarded=FORWARDED),
+    Way("unknown, as there is no agent", None, False),
+    Way("configured, static ports", STATIC, True, port_map=nat_bed.PORT_MAP, forwarded=FORWARDED),
     Way("learnt by STUN", nat_bed.config(gw=True), True),
     Way("learnt by STUN, symmetric router", nat_bed.config(gw=True), False, masquerade="masquerade fully-random"),
 ]

@@ -5,9 +5,10 @@ import time
 import unittest
 
 import call_bed
-from call_bed import PUBLIC, REGISTRAR, WAYS, bed
+from call_bed import DEVICE, FAR_END, PUBLIC, REGISTRAR, WAYS, bed
 
 MOVED = "11.0.0.4"
+MEDIA = f"rtp cc {FAR_END} {DEVICE}:10000 id=2"
 
 
 class Calls(unittest.TestCase):
@@ -25,7 +26,8 @@ class Phone(call_bed.CallBed):
         self.route_as(way)
         self.far_end()
         self.registrar()
-        return self.phone(self.daemon(way.config))
+        daemon = self.daemon(way.config)
+        return daemon, self.phone(daemon)
 
     def call_phone(self, phone):
         """A call from outside to the phone, with sound in both directions, until the far end's end of it."""
@@ -38,15 +40,17 @@ class Phone(call_bed.CallBed):
         bed.wait_until(lambda: sum("call ended" in line for line in phone.errors) > ended, "the end of the call")
 
     def test_static_ports(self):
-        phone = self.phone_of(WAYS[1])
+        _, phone = self.phone_of(WAYS[1])
         phone.said(f"registered <sip:phone@{PUBLIC}:45060>")
         self.call_phone(phone)
 
     def test_stun_and_changes(self):
         way = dataclasses.replace(WAYS[2], port_map="udp sport 5060 masquerade to :45060")
-        phone = self.phone_of(way)
+        daemon, phone = self.phone_of(way)
         phone.said(f"registered <sip:phone@{PUBLIC}:45060>")
         self.call_phone(phone)
+        natctl = self.natctl(daemon)
+        natctl.connect("cc")
 
         def another_port():
             self.nat(way.masquerade, "udp sport 5060 masquerade to :46060")
@@ -56,12 +60,14 @@ class Phone(call_bed.CallBed):
             self.rtr.ip("addr", "del", f"{PUBLIC}/24", "dev", "r1")
             self.rtr.ip("addr", "add", f"{MOVED}/24", "dev", "r1")
 
-        for change, contact in (another_port, f"{PUBLIC}:46060"), (another_address, f"{MOVED}:46060"):
+        for change, address in (another_port, PUBLIC), (another_address, MOVED):
             with self.subTest(change=change.__name__):
                 change()
                 begin = time.monotonic()
-                phone.said(f"registered <sip:phone@{contact}>")
+                phone.said(f"registered <sip:phone@{address}:46060>")
                 print(f"{change.__name__}: registered again after {time.monotonic() - begin:.2f} s")
+                # The media ports are asked for when one port's change was seen, a moment later.
+                bed.wait_until(lambda: self.answered(natctl, MEDIA) == (address, 10000), "the media port's public side")
                 self.call_phone(phone)
 
 
