@@ -150,7 +150,8 @@ class CallBed(nat_bed.NatBedTest):
 
     def registrar(self):
         self.started(bed.Program(self.inet.command(
-            "kamailio", "-f", HERE / "kamailio.cfg", "-l", f"udp:{REGISTRAR}:5060", "-Y", self.directory), stdout=bed.subprocess.DEVNULL))
+            "kamailio", "-f", HERE / "kamailio.cfg", "-l", f"udp:{REGISTRAR}:5060", "-Y", self.directory),
+            stdout=bed.subprocess.DEVNULL))
         self.listens("-Huln", f"{REGISTRAR}:5060")
 
     def phone(self, daemon):

@@ -62,8 +62,8 @@ class Phone(call_bed.CallBed):
 
         for change, address in (another_port, PUBLIC), (another_address, MOVED):
             with self.subTest(change=change.__name__):
-                change()
                 begin = time.monotonic()
+                change()
                 phone.said(f"registered <sip:phone@{address}:46060>")
                 print(f"{change.__name__}: registered again after {time.monotonic() - begin:.2f} s")
                 # The media ports are asked for when one port's change was seen, a moment later.
