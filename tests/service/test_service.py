@@ -107,7 +107,7 @@ class Service(nat_bed.NatBedTest):
         owner = nat_bed.udp_socket(self.dev, ("10.77.0.2", 5060))
         self.addCleanup(owner.close)
         self.start(nat_bed.config())
-        bed.wait_until(lambda: "203.0.113.2:45060" in self.ask().stdout, "the SIP port's public side")
+        bed.wait_until(lambda: f"{nat_bed.PUBLIC}:45060" in self.ask().stdout, "the SIP port's public side")
         self.assertNotIn("CAP_NET_RAW", self.debian.journal(UNIT))
         self.debian.run("natctl", "--version")
         report = self.debian.run("systemd-analyze", "security", "--no-pager", UNIT).stdout

@@ -14,12 +14,14 @@ import bed
 CLONE_NEWNET = 0x40000000
 libc = ctypes.CDLL(None, use_errno=True)
 
-SERVER = "203.0.113.1"
-OBSERVER = "203.0.113.3"
-PUBLIC = "203.0.113.2"
+# Outside of the networks for documentation, which routers take for addresses without an uplink.
+SERVER = "11.0.0.1"
+PUBLIC = "11.0.0.2"
+OBSERVER = "11.0.0.3"
+NOBODY = "11.0.0.9"
 
 # The port map stands before the masquerade: a SIP port and an RTP port with public sides known beforehand.
-PORT_MAP = "snat to 203.0.113.2 : udp sport map { 5060 : 45060, 10000 : 40000 }"
+PORT_MAP = f"snat to {PUBLIC} : udp sport map {{ 5060 : 45060, 10000 : 40000 }}"
 
 CONFIG = """
 [media]
@@ -45,22 +47,27 @@ def config(sip=True, gw=False, rtcp=True, rtp_end=10199, server=SERVER, period=1
                          servers=json.dumps(server.split(",")), rto=rto)
 
 
-def udp_socket(namespace, address):
-    """A UDP socket of this process inside another namespace."""
+def socket_in(namespace, kind):
+    """A socket of this process inside another namespace."""
     made = []
 
     def make():
         with open(f"/run/netns/{namespace.name}", encoding="ascii") as handle:
             if libc.setns(handle.fileno(), CLONE_NEWNET) != 0:
                 return
-        made.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        made.append(socket.socket(socket.AF_INET, kind))
 
     thread = threading.Thread(target=make)
     thread.start()
     thread.join()
     made[0].settimeout(bed.DEADLINE)
-    made[0].bind(address)
     return made[0]
+
+
+def udp_socket(namespace, address):
+    made = socket_in(namespace, socket.SOCK_DGRAM)
+    made.bind(address)
+    return made
 
 
 class ScriptedServer:

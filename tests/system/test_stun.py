@@ -9,7 +9,7 @@ import bed
 import nat_bed
 import silent_dns
 from bed import DASHES
-from nat_bed import OBSERVER, PUBLIC, SERVER
+from nat_bed import NOBODY, OBSERVER, PUBLIC, SERVER
 
 CS = f"cs sip {OBSERVER} 10.77.0.2:5060"
 
@@ -111,7 +111,7 @@ class Stun(nat_bed.NatBedTest):
         begin = time.monotonic()
         self.assertEqual(natctl.ask(CS)["flag"], 2)
         self.assertLess(time.monotonic() - begin, 1)
-        daemon.said("203.0.113.1")
+        daemon.said(SERVER)
         server = self.coturn()
         first = self.answered(natctl, CS)
         server.end()
@@ -150,7 +150,7 @@ class Stun(nat_bed.NatBedTest):
         self.nat("masquerade fully-random")
         self.assertEqual(self.ask_servers(SERVER, OBSERVER)[1][2], {"nat": "different"})
         # Nobody has the address; the server's host is there, but nothing on the port.
-        self.assertEqual(self.ask_servers("203.0.113.9"), (1, [{"stun": "203.0.113.9:3478", "error": "timeout"}]))
+        self.assertEqual(self.ask_servers(NOBODY), (1, [{"stun": f"{NOBODY}:3478", "error": "timeout"}]))
         code, (first, second, verdict) = self.ask_servers(SERVER, f"{SERVER}:9")
         self.assertEqual((code, second["error"], verdict), (1, "unreachable", {"nat": "unknown"}))
         self.nft("add table ip loss; add chain ip loss f { type filter hook forward priority 0; }; "
@@ -162,7 +162,7 @@ class Stun(nat_bed.NatBedTest):
         self.assertIn("5060 cannot be bound: it is in use", error["text"])
 
     def test_a_name_with_several_addresses(self):
-        self.hosts(f"203.0.113.9 stun.example\n{SERVER} stun.example\n{OBSERVER} stun.example\n")
+        self.hosts(f"{NOBODY} stun.example\n{SERVER} stun.example\n{OBSERVER} stun.example\n")
         self.nat("masquerade fully-random")
         self.coturn(SERVER, OBSERVER)
         daemon = self.daemon(nat_bed.config(server="stun.example"))
