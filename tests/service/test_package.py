@@ -61,6 +61,8 @@ class Package(nat_bed.NatBedTest):
         self.answers("no mapping known")
         self.assertEqual(self.debian.run("natagentd", "--check").stdout, f"{CONFIG}: ok\n")
 
+        self.debian.run("python3", "-c", "import natclient")
+
         self.debian.write(CONFIG, configs.STATIC)
         self.debian.run("systemctl", "reload", UNIT)
         bed.wait_until(lambda: "changed to the settings of" in self.debian.journal(UNIT), "the new settings")
