@@ -95,7 +95,7 @@ void StatusServer::SetGroup(std::optional<gid_t> group) {
   const gid_t wanted = group ? *group : ::getegid();
   if (::fchownat(m_lease.DirFd(), kSocket, static_cast<uid_t>(-1), wanted, AT_SYMLINK_NOFOLLOW) != 0) {
     return JournalError("natagentd: " + Reason("cannot give status.sock to access.status_group") +
-                        "; the daemon's user must be in that group");
+                        "; the daemon's user must be in that group, and its sandbox allow fchownat");
   }
   m_group = group;
 }

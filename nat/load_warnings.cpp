@@ -57,16 +57,12 @@ void WarnOfSignallingSettings() {
   if (nat == nullptr) {
     return;
   }
-  std::string without;
-  if (nat->sipUdpUseStun == 0 && nat->sipUdpPublicIp == 0) {
-    without = "UDP " + std::to_string(nat->sipUdpPort);
+  // A UDP port with a public side is all that most devices need.
+  if (nat->sipUdpUseStun != 0 || nat->sipUdpPublicIp != 0) {
+    return;
   }
-  if (nat->sipTcpPublicIp == 0) {
-    without += (without.empty() ? "TCP " : ", TCP ") + std::to_string(nat->sipTcpPort);
-  }
-  if (!without.empty()) {
-    JournalWarning("no public side is configured for the SIP port " + without);
-  }
+  JournalWarning("no public side is configured for the SIP port UDP " + std::to_string(nat->sipUdpPort) +
+                 (nat->sipTcpPublicIp == 0 ? ", TCP " + std::to_string(nat->sipTcpPort) : ""));
 }
 
 void WarnOfMediaSettings() {

@@ -9,7 +9,7 @@ void PortTable::Add(u16 port, u8 owner, bool isMedia) {
   if (found != m_ports.end()) {
     found->second.owners.push_back({owner, isMedia});
   } else {
-    m_ports.emplace(port, Port{{{owner, isMedia}}, {}});
+    m_ports.emplace(port, Port{.owners = {{owner, isMedia}}});
   }
 }
 
