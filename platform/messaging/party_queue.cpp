@@ -164,7 +164,7 @@ UniqueFd PartyQueue::AcceptAdmitted(messaging::Peer& from) {
 }
 
 void PartyQueue::Refuse(int peer, const messaging::Peer& from, messaging::RefusalReason reason,
-                         const std::string& text) {
+                        const std::string& text) {
   NoteRefusal(from, reason, text);
   messaging::EncodeFrame({.kind = FrameKind::REFUSED, .value = static_cast<u32>(reason), .text = text}, m_packet);
   // A fresh socket has room for it; a peer that is gone already needs no reason.

@@ -9,7 +9,9 @@ void PortTable::Add(u16 port, u8 owner, bool isMedia) {
   if (found != m_ports.end()) {
     found->second.owners.push_back({owner, isMedia});
   } else {
-    m_ports.emplace(port, Port{.owners = {{owner, isMedia}}});
+    Port fresh;
+    fresh.owners.push_back({owner, isMedia});
+    m_ports.emplace(port, std::move(fresh));
   }
 }
 
