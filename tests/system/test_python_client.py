@@ -252,7 +252,7 @@ class Notices(nat_bed.NatBedTest):
             bed.wait_until(lambda: server.asked > 1, "the first answer to be taken")
             server.answer = lambda port: ("mapped", 45061)
             self.assertEqual([client.next_notice(bed.DEADLINE).type for client in (cm, cc)], [92, 92])
-            self.assertEqual(said(2), ["notice 92", "mapped 203.0.113.2:45061"])
+            self.assertEqual(said(2), ["notice 92", f"mapped {nat_bed.PUBLIC}:45061"])
         self.assertEqual(daemon.stop(), 0)
         self.assertEqual(said(1), ["disconnected"])
         self.daemon(configs.STATIC)
