@@ -10,7 +10,6 @@
 namespace stun {
 namespace {
 
-constexpr Millis kFirstRetry{2000};
 constexpr Millis kLongestRetry{60000};
 constexpr Millis kRefresh{600000};  // a server may move
 
@@ -132,9 +131,9 @@ void ServerList::LookedUp(const Addresses& found, TimePoint now) {
       m_diagnosis.Report("the server's name " + server.host + " has no address; looking it up again from time to time");
     }
   }
-  m_retry = isMissing ? std::clamp(m_retry * 2, kFirstRetry, kLongestRetry) : Millis{0};
   if (m_nextLookUp == TimePoint::max()) {  // and not asked for anew by other settings meanwhile
     m_nextLookUp = now + (isMissing ? m_retry : kRefresh);
+    m_retry = isMissing ? std::min(m_retry * 2, kLongestRetry) : kFirstRetry;
   }
   Collect(m_isHeard ? Current() : std::nullopt);
 }

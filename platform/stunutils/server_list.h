@@ -58,6 +58,8 @@ class ServerList {
   void Refresh(TimePoint now) { m_nextLookUp = std::min(m_nextLookUp, now); }
 
  private:
+  static constexpr Millis kFirstRetry{2000};
+
   struct Server {
     std::string host;
     u16 port = 0;
@@ -78,7 +80,7 @@ class ServerList {
   std::set<Endpoint> m_tried;  // in vain, since one was heard
   bool m_isReportedTooMany = false;
   bool m_isLookingUp = false;
-  Millis m_retry{0};
+  Millis m_retry = kFirstRetry;  // after the next look-up that fails
   TimePoint m_nextLookUp = TimePoint::max();
 };
 
