@@ -76,7 +76,9 @@ class Runner {
   }
 
   ExitStatus Status() {
-    const bool isTold = Get(m_command.topic, [this](const Json& answer) {
+    bool isEmpty = true;
+    const bool isTold = Get(m_command.topic, [&](const Json& answer) {
+      isEmpty = isEmpty && !answer.contains("value") && answer["rows"].empty();
       if (answer.contains("value")) {
         Print(answer["value"], [this](const Json& value) { return PlainValue(m_command.topic, value); });
         return;
@@ -86,6 +88,9 @@ class Runner {
       }
       m_printer.Flush();
     });
+    if (isTold && isEmpty && !m_printer.IsJson()) {
+      m_printer.Print("none\n", false);
+    }
     return isTold ? Done() : m_failed;
   }
 
