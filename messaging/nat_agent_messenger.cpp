@@ -88,7 +88,9 @@ void NatAgentMessenger::AnnounceOnlineParties() {
 void NatAgentMessenger::Turn(int queue) {
   ScopedLock lock(g_settingsLock);
   const HeldLog held(_NatAgent.Log());
-  _NatAgent.BeginTurn();
+  if (queue >= 0) {
+    _NatAgent.BeginTurn();  // not for what is flagged: a flag may be set after the routes were looked at
+  }
   NatCAMessenger* const channel = ChannelOfQueue(queue);
   do {
     try {
